@@ -1,0 +1,52 @@
+#include "common/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace kq {
+namespace {
+
+FILE* s_log_file = stdout;
+int s_level = LOG_DEBUG;
+
+const char* BareName(const char* file) {
+    if (!file) return "";
+    if (const char* slash = std::strrchr(file, '/')) return slash + 1;
+    if (const char* back = std::strrchr(file, '\\')) return back + 1;
+    return file;
+}
+
+}  // namespace
+
+void LogInit(const char* file, LogLevel level) {
+    LogDeinit();
+    if (!file || !*file) {
+        s_log_file = stdout;
+    } else {
+        FILE* f = std::fopen(file, "a+");
+        s_log_file = f ? f : stdout;
+    }
+    s_level = level;
+}
+
+void LogDeinit() {
+    if (!s_log_file || s_log_file == stdout) return;
+    std::fclose(s_log_file);
+    s_log_file = nullptr;
+}
+
+void Log(const char* file, int line, LogLevel level, const char* format, ...) {
+    FILE* out = s_log_file;
+    if (!out) return;
+    const char* name = BareName(file);
+    if (static_cast<int>(level) < s_level) return;
+    std::fprintf(out, "%s:%d[%d] ", name, line, static_cast<int>(level));
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(out, format, args);
+    va_end(args);
+    std::fflush(out);
+}
+
+}  // namespace kq

@@ -1,0 +1,61 @@
+// Stands between the database model and the public records: loads a file,
+// translates messages into DBCMessage records, finds messages by identifier
+// or PGN, decodes and encodes frames and selects multiplexed signals.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "dbc.h"
+#include "dbc_coder.h"
+#include "tarn.h"
+
+class CAnalyser {
+public:
+    CAnalyser();
+    virtual ~CAnalyser();
+    CAnalyser(const CAnalyser&) = delete;
+    CAnalyser& operator=(const CAnalyser&) = delete;
+
+    bool Load(const FileInfo* info);
+    void TranslateMsg(const Message& msg, DBCMessage& out);
+    void CollectAttr(DBCMessage& out, const Message& msg);
+
+    bool GetFirstMessage(DBCMessage* out);
+    bool GetNextMessage(DBCMessage* out);
+    uint32_t GetMessageCount();
+    bool GetMessageById(uint32_t id, DBCMessage* out);
+    bool GetMessageByPgn(uint32_t pgn, DBCMessage* out);
+    bool IsIdEqual(uint32_t a, uint32_t b);
+
+    uint32_t GetNetworkNodeCount();
+    bool GetNetworkNodeAt(uint32_t index, DBCNetworkNode* node);
+    uint32_t GetValDescPairCount(uint32_t id, const char* signal);
+    void GetValDescPair(uint32_t id, const char* signal, ValDescPair* pairs);
+
+    void SetProtocol(ProtocolType protocol);
+    ProtocolType GetProtocol();
+
+    // `flag` is handed to the coder: true looks messages up by identifier
+    // even in a J1939 database.
+    bool Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count, bool flag);
+    bool Encode(std::vector<VCI_CAN_OBJ>& out, const DBCMessage* msg);
+    void SelectMutiplexer(DBCMessage* msg);
+    bool FindMutiplexerM(DBCMessage* msg, uint16_t& value);
+
+    DBCEx& Database() { return m_db; }
+    DBCCoder& Coder() { return m_coder; }
+
+private:
+    DBCEx m_db;
+    DBCCoder m_coder;
+    std::vector<NetworkNode*> m_nodes;
+};
+
+void SortMessageSignals(DBCMessage& msg);
+bool SignalCompareAscend(const DBCSignal& a, const DBCSignal& b);
+
+// Raw <-> physical conversions of the public interface.
+double CalcActualValue(const DBCSignal* signal, uint64_t* raw);
+uint64_t CalcRawValue(const DBCSignal* signal, double* physical);
