@@ -9,7 +9,7 @@ namespace kq {
 
 template <typename T>
 class RefObj {
-public:
+  public:
     RefObj() = default;
     virtual ~RefObj() = default;
     int AddRef() { return ++m_refs; }
@@ -21,12 +21,12 @@ public:
     }
     int RefCount() const { return m_refs; }
 
-private:
+  private:
     int32_t m_refs = 1;
 };
 
 class NoneClonable {
-public:
+  public:
     NoneClonable() = default;
     virtual ~NoneClonable() = default;
     NoneClonable(const NoneClonable&) = delete;
@@ -36,7 +36,7 @@ public:
 // Scope guard that drops one reference when it goes out of scope.
 template <typename T>
 class AutoUnref {
-public:
+  public:
     AutoUnref(bool owned, T* obj) : m_owned(owned), m_obj(obj) {}
     ~AutoUnref() {
         if (m_owned && m_obj) m_obj->Release();
@@ -46,13 +46,13 @@ public:
     T* get() const { return m_obj; }
     T* operator->() const { return m_obj; }
 
-private:
+  private:
     bool m_owned;
     T* m_obj;
 };
 
 class CommandInfo : public RefObj<CommandInfo>, public NoneClonable {
-public:
+  public:
     using ForEachFn = void (*)(void* ctx, uint64_t index, const char* key, const char* value);
     using DoneFn = void (*)(void* ctx, CommandInfo* record);
 
@@ -87,7 +87,7 @@ public:
     uint64_t Used() const { return m_used; }
     uint64_t Capacity() const { return m_capacity; }
 
-private:
+  private:
     bool Grow(uint64_t needed);
 
     char* m_block = nullptr;

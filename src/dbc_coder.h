@@ -13,7 +13,7 @@
 #include "tarn.h"
 
 class DBCCoder {
-public:
+  public:
     static constexpr size_t kDecodeBufSize = 1793;  // 255 packets of 7 bytes, plus 8
     static constexpr size_t kEncodeBufSize = 1785;  // 255 packets of 7 bytes
 
@@ -44,7 +44,14 @@ public:
                   size_t size = kEncodeBufSize) const;
     uint64_t GenerateValue(const char* value, const Signal& sig) const;
 
-private:
+    // Raw-to-physical rule of the decoder.
+    static double RawToPhysical(uint64_t raw, const Signal& sig);
+    // True when the decoder reports raw as plain decimal rather than "%lf" text.
+    static bool IsPlainInteger(uint64_t raw, const Signal& sig);
+    // Appends (signal name, value text) for one decoded raw value.
+    static bool AppendValue(kq::CommandInfo* cmd, uint64_t raw, const Signal& sig);
+
+  private:
     DBC* m_db;
     ProtocolType m_protocol = TARN_PROTOCOL_OTHER;
     std::map<uint64_t, Message*> m_byId;

@@ -1,0 +1,171 @@
+// Message coder: identifier and PGN indexes, frame list decoding and
+// encoding into single frames or J1939 transport data packets.
+#include "dbc_coder.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/log.h"
+
+namespace {
+
+constexpr uint64_t kIdMask = 0x1FFFFFFF;
+constexpr size_t kPacketBytes = 7;
+constexpr size_t kMaxPackets = 255;
+
+uint64_t PacketsFor(uint64_t size) {
+    return size <= 8 ? 1 : (size + 6) / 7;
+}
+
+void CollectPair(void* ctx, uint64_t, const char* key, const char* value) {
+    auto* list = static_cast<std::vector<const char*>*>(ctx);
+    list->push_back(key);
+    list->push_back(value);
+}
+
+bool Less(const VCI_CAN_OBJ& a, const VCI_CAN_OBJ& b) {
+    return a.id < b.id;
+}
+
+}  // namespace
+
+DBCCoder::DBCCoder(DBC* db) : m_db(db) {}
+
+DBCCoder::~DBCCoder() {
+    if (m_db) m_db->SetListener(nullptr);
+}
+
+void DBCCoder::SetProtocol(ProtocolType type) {
+    std::vector<Message*> msgs;
+    if (m_db) m_db->GetAllMessage(msgs);
+    m_byId.clear();
+    m_byPgn.clear();
+    for (Message* msg : msgs) {
+        m_byId[msg->id & kIdMask] = msg;
+        m_byPgn[PGN1939(msg->id)] = msg;
+    }
+    m_protocol = type;
+}
+
+uint64_t DBCCoder::PGN1939(uint64_t id) const {
+    if (id <= 0x7FF) return id;
+    uint64_t pf = (id >> 16) & 0xFF;
+    return pf <= 239 ? id & 0x3FF0000 : id & 0x3FFFF00;
+}
+
+Message* DBCCoder::FindMsg(uint32_t id, bool byId) const {
+    bool byPgn = !byId && m_protocol == TARN_PROTOCOL_J1939;
+    const auto& index = byPgn ? m_byPgn : m_byId;
+    auto it = index.find(byPgn ? PGN1939(id) : (id & kIdMask));
+    return it == index.end() ? nullptr : it->second;
+}
+
+// Copies the frames' data into buf after checking that every frame of a
+// multi-packet list belongs to the same PGN and carries its sequence number.
+static bool Assemble(const DBCCoder& coder, const std::vector<VCI_CAN_OBJ>& frames, uint8_t* buf) {
+    if (frames.size() == 1) {
+        std::memcpy(buf, frames[0].data, 8);
+        return true;
+    }
+    uint64_t pgn = coder.PGN1939(frames[0].id);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const VCI_CAN_OBJ& f = frames[i];
+        if (coder.PGN1939(f.id) != pgn || f.data[0] != i + 1) return false;
+        std::memcpy(buf + kPacketBytes * i, f.data + 1, kPacketBytes);
+    }
+    return true;
+}
+
+bool DBCCoder::Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames,
+                      bool byId) const {
+    if (!cmd || frames.empty()) return false;
+    Message* msg = FindMsg(frames[0].id, byId);
+    if (!msg || frames.size() < PacketsFor(msg->dlc)) return false;
+    uint8_t buf[kDecodeBufSize];
+    std::memset(buf, 0, sizeof(buf));
+    if (!Assemble(*this, frames, buf)) return false;
+    cmd->Reset();
+    cmd->SetName(msg->name);
+    for (auto& entry : msg->signals) {
+        Signal& sig = entry.second;
+        uint64_t raw = GetRawValue(buf, sig, sizeof(buf));
+        sig.rawZero = raw;
+        AppendValue(cmd, raw, sig);
+    }
+    return true;
+}
+
+std::vector<VCI_CAN_OBJ> DBCCoder::Encode(kq::CommandInfo* cmd) const {
+    if (!cmd) return {};
+    std::vector<const char*> list;
+    cmd->ForEach(CollectPair, &list);
+    if (list.size() < 2) return {};
+    const char* name = cmd->GetName();
+    if (m_protocol != TARN_PROTOCOL_J1939) return EncodeNormal(name, list);
+    return Encode1939(name, list);
+}
+
+std::vector<VCI_CAN_OBJ> DBCCoder::EncodeNormal(const std::string& name,
+                                                const std::vector<const char*>& list) const {
+    return Encode1939(name, list);
+}
+
+// Splits payload into sequence-numbered 7-byte data packets; the unused tail
+// of the last packet reads 0xFF.
+static std::vector<VCI_CAN_OBJ> SplitPackets(uint32_t id, const uint8_t* payload, uint64_t size) {
+    uint64_t n = (size + 6) / 7;
+    uint64_t unused = (7 - size % 7) % 7;
+    std::vector<VCI_CAN_OBJ> frames(n);
+    for (uint64_t k = 0; k < n; ++k) {
+        VCI_CAN_OBJ& f = frames[k];
+        std::memset(&f, 0, sizeof(f));
+        f.id = id;
+        f.externFlag = 1;
+        f.dataLen = 8;
+        f.data[0] = static_cast<uint8_t>(k + 1);
+        size_t bytes = kPacketBytes;
+        if (k + 1 == n && unused) {
+            std::memset(f.data + 1, 0xFF, kPacketBytes);
+            bytes = kPacketBytes - unused;
+        }
+        std::memcpy(f.data + 1, payload + kPacketBytes * k, bytes);
+    }
+    return frames;
+}
+
+std::vector<VCI_CAN_OBJ> DBCCoder::Encode1939(const std::string& name,
+                                              const std::vector<const char*>& list) const {
+    Message* msg = m_db ? m_db->FindMsg2(name) : nullptr;
+    // A payload beyond the transport limit has no packet layout.
+    if (!msg || msg->dlc > kMaxPackets * kPacketBytes) return {};
+    uint8_t buf[kEncodeBufSize];
+    std::memset(buf, 0, sizeof(buf));
+    for (size_t i = 0; i + 1 < list.size(); i += 2) {
+        const Signal* sig = list[i] ? m_db->FindSignal(msg, list[i]) : nullptr;
+        if (!Cmd2Data(list[i + 1], buf, sig, sizeof(buf))) return {};
+    }
+    uint32_t id = static_cast<uint32_t>(msg->id);
+    if (msg->dlc > 8) return SplitPackets(id, buf, msg->dlc);
+    VCI_CAN_OBJ f;
+    std::memset(&f, 0, sizeof(f));
+    f.id = id;
+    f.externFlag = id > 0x7FF ? 1 : 0;
+    f.dataLen = static_cast<uint8_t>(msg->dlc);
+    std::memcpy(f.data, buf, 8);
+    return {f};
+}
+
+VCI_CAN_OBJ* DBCCoder::FindObj(std::vector<VCI_CAN_OBJ>& frames, uint64_t id) const {
+    auto match = [id](const VCI_CAN_OBJ& f) { return static_cast<uint64_t>(f.id) == id; };
+    auto it = std::find_if(frames.begin(), frames.end(), match);
+    if (it != frames.end()) return &*it;
+    VCI_CAN_OBJ f;
+    std::memset(&f, 0, sizeof(f));
+    f.id = static_cast<uint32_t>(id);
+    frames.push_back(f);
+    std::sort(frames.begin(), frames.end(), Less);
+    it = std::find_if(frames.begin(), frames.end(), match);
+    if (it != frames.end()) return &*it;
+    KQ_LOG(kq::LOG_ERROR, "internal error\n");
+    return &frames.front();
+}
