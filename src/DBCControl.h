@@ -1,0 +1,130 @@
+// The object behind one handle: owns the analyser, the J1939 exchange, the two
+// multi-packet receivers and the asynchronous frame queue with its thread, and
+// routes completed transfers to the application's callbacks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Analyser.h"
+#include "Exchange.h"
+#include "MultiFrmListener.h"
+#include "common/thread.h"
+#include "tarn.h"
+
+// One queued frame: a copy of the caller's frame in whichever layout was in
+// force when it was queued.
+struct FrmObj {
+    uint32_t handle = 0;
+    alignas(8) uint8_t frame[sizeof(TarnCanFdFrame)] = {};
+    uint8_t fd = 0;
+    uint32_t frameType = 0;
+    uint64_t tag = 0;
+};
+
+// Frames waiting for the analysis thread; full means the oldest is dropped.
+struct DataQueue {
+    std::deque<FrmObj> frames;
+    std::recursive_mutex mutex;
+    uint32_t capacity = 100000;
+};
+
+class CDBCControl : public IOnMultiTransDoneListener {
+  public:
+    CDBCControl(bool disableMultiSend, bool asyncAnalyse);
+    ~CDBCControl() override;
+    CDBCControl(const CDBCControl&) = delete;
+    CDBCControl& operator=(const CDBCControl&) = delete;
+
+    // Stops both threads, discards queued frames and destroys the controller.
+    void Release();
+    // True on this controller's own analysis thread, which cannot join itself.
+    bool OnAnalysisThread() const;
+
+    bool Load(const FileInfo* info) { return m_analyser.Load(info); }
+    bool GetFirstMessage(DBCMessage* out) { return m_analyser.GetFirstMessage(out); }
+    bool GetNextMessage(DBCMessage* out) { return m_analyser.GetNextMessage(out); }
+    uint32_t GetMessageCount() { return m_analyser.GetMessageCount(); }
+    bool GetMessageById(uint32_t id, DBCMessage* out) { return m_analyser.GetMessageById(id, out); }
+    uint32_t GetNetworkNodeCount() { return m_analyser.GetNetworkNodeCount(); }
+    bool GetNetworkNodeAt(uint32_t index, DBCNetworkNode* node) {
+        return m_analyser.GetNetworkNodeAt(index, node);
+    }
+    uint32_t GetValDescPairCount(uint32_t id, const char* signal) {
+        return m_analyser.GetValDescPairCount(id, signal);
+    }
+    void GetValDescPair(uint32_t id, const char* signal, ValDescPair* pairs) {
+        m_analyser.GetValDescPair(id, signal, pairs);
+    }
+    void SetProtocol(ProtocolType protocol) { m_analyser.SetProtocol(protocol); }
+    ProtocolType GetProtocol() { return m_analyser.GetProtocol(); }
+
+    bool Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count) {
+        return m_analyser.Decode(out, frames, count, true);
+    }
+    // *count: capacity in, frames written out. True when any frame was made.
+    bool Encode(VCI_CAN_OBJ* frames, uint32_t* count, const DBCMessage* msg);
+    bool Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out);
+    void OnReceive(const VCI_CAN_OBJ& frame) { m_exchange.OnReceive(&frame); }
+    void SetSender(CExchange::SenderFn sender, void* context) {
+        m_exchange.SetSender(sender, context);
+    }
+    uint32_t Send(const DBCMessage* msg) { return m_exchange.Send(msg); }
+
+    void SetAsyncAnalyseCallback(TARN_AsyncAnalyseCallback callback, void* context);
+    void SetOnMultiTransDoneFunc(TARN_MultiTransDoneFunc callback, void* context);
+    bool AsyncAnalyse(uint32_t handle, const void* frame, uint8_t fd, uint64_t tag);
+    bool AnalyseOne(const FrmObj& obj, DBCMessage* out);
+
+    // Transfers completed by synchronously analysed frames or by our own sends.
+    void OnTransDone(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, uint8_t* data, uint16_t length,
+                     uint8_t value) override;
+
+    size_t QueuedFrames();
+
+  private:
+    // Listener of the async receiver: a transfer it completes is reported
+    // through the asynchronous callback with the tag of the completing frame.
+    class AsyncTransDone : public IOnMultiTransDoneListener {
+      public:
+        explicit AsyncTransDone(CDBCControl& owner) : m_owner(owner) {}
+        void OnTransDone(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, uint8_t* data,
+                         uint16_t length, uint8_t value) override;
+        uint64_t m_curTag = 0;  // touched by the analysis thread only
+
+      private:
+        CDBCControl& m_owner;
+    };
+
+    static void* AsyncAnalyseLoop(void* self);
+    void DoAsyncAnalyse();
+    bool PopFront(FrmObj& obj);
+    void ClearQueue();
+    void DeliverAsync(DBCMessage* msg, uint64_t tag);
+    bool DecodeFdPackets(const TarnCanFdFrame& fdf, DBCMessage* out);
+    bool DecodeTransfer(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, DBCMessage* out);
+
+    CAnalyser m_analyser;
+    CExchange m_exchange;
+    CMultiFrmListener m_syncReceiver;
+    const bool m_asyncEnabled;
+    DataQueue m_queue;
+    kq::Thread m_thread;
+    CMultiFrmListener m_asyncReceiver;
+    AsyncTransDone m_asyncListener;
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_threadStarted{false};
+    std::atomic<std::thread::id> m_loopThread{};
+
+    // Callbacks are installed by the application thread and read by the
+    // analysis thread and the receiving threads.
+    std::mutex m_cbMutex;
+    TARN_AsyncAnalyseCallback m_asyncCb = nullptr;
+    void* m_asyncCtx = nullptr;
+    TARN_MultiTransDoneFunc m_doneCb = nullptr;
+    void* m_doneCtx = nullptr;
+};

@@ -1,0 +1,175 @@
+// Exported frame entry points: read the caller's frames in the layout the
+// frame-type switch selects, split CAN FD payloads into sequence-numbered
+// packets and route FD transmission to the per-handle FD sender.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "tarn.h"
+#include "tarn_fd.h"
+#include "tarn_frame.h"
+#include "tarn_guard.h"
+
+using tarn::FdHeadToClassic;
+using tarn::FdToPackets;
+using tarn::kFdMaxLen;
+using tarn::WithControl;
+
+namespace {
+
+constexpr uint32_t kSendOk = TARN_SEND_OK;
+constexpr uint32_t kSendFailed = TARN_SEND_FAILED;
+
+bool SocketCanLayout() {
+    return libdbc::Env::Instance().GetFrameType() == TARN_FRAME_SOCKETCAN;
+}
+
+bool AnalyseVci(uint32_t h, const VCI_CAN_OBJ& frame, DBCMessage* out) {
+    return WithControl("TARN_Analyse", h, false,
+                       [&](CDBCControl& c) { return c.Analyse(frame, out); });
+}
+
+bool AnalyseSocketCan(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out) {
+    if (fd == 0) return AnalyseVci(h, CanFrameToVci(*static_cast<const TarnCanFrame*>(frame)), out);
+    if (fd != 1) return false;
+    const auto& fdf = *static_cast<const TarnCanFdFrame*>(frame);
+    if (fdf.len > kFdMaxLen) return false;
+    if (fdf.len <= 8) return AnalyseVci(h, CanFrameToVci(FdHeadToClassic(fdf)), out);
+    const std::vector<TarnCanFrame> packets = FdToPackets(fdf);
+    return TARN_Decode(h, out, packets.data(), static_cast<uint32_t>(packets.size()));
+}
+
+// Packs encoded classic frames into one FD payload: a single frame gives its
+// bytes as they are, several give bytes 1 to 7 of each (byte 0 is the
+// sequence number).
+void FillFdPayload(TarnCanFdFrame& fdf, const std::vector<TarnCanFrame>& frames) {
+    if (frames.size() == 1) {
+        std::memcpy(fdf.data, frames[0].data, std::min<size_t>(frames[0].len, 8));
+        return;
+    }
+    size_t filled = 0;
+    for (const TarnCanFrame& f : frames) {
+        const size_t take = std::min<size_t>(7, kFdMaxLen - filled);
+        std::memcpy(fdf.data + filled, f.data + 1, take);
+        filled += take;
+        if (filled == kFdMaxLen) break;
+    }
+}
+
+uint32_t SendFd(uint32_t h, const DBCMessage* msg) {
+    uint32_t n = (msg->size + 6) / 7;
+    std::vector<TarnCanFrame> frames(n);
+    if (!TARN_Encode(h, frames.data(), &n, msg) || n == 0) return kSendFailed;
+    frames.resize(n);
+    TarnCanFdFrame fdf;
+    std::memset(&fdf, 0, sizeof(fdf));
+    fdf.can_id = msg->id & TARN_CAN_EFF_MASK;
+    if (msg->extended) fdf.can_id |= TARN_CAN_EFF_FLAG;
+    fdf.len = static_cast<uint8_t>(msg->size);
+    FillFdPayload(fdf, frames);
+    CanFdSenderMap::Entry sender;
+    if (!g_canfd_sender.Get(h, sender)) return kSendFailed;
+    return sender.second(sender.first, &fdf) ? kSendOk : kSendFailed;
+}
+
+}  // namespace
+
+extern "C" {
+
+bool TARN_Analyse(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out) {
+    try {
+        if (frame == nullptr) return false;
+        if (!SocketCanLayout()) {
+            return fd == 0 && AnalyseVci(h, *static_cast<const VCI_CAN_OBJ*>(frame), out);
+        }
+        return AnalyseSocketCan(h, frame, fd, out);
+    } catch (...) {
+        tarn::LogEscaped("TARN_Analyse");
+        return false;
+    }
+}
+
+bool TARN_Decode(uint32_t h, DBCMessage* out, const void* frames, uint32_t count) {
+    if (frames == nullptr || count == 0) return false;
+    return WithControl("TARN_Decode", h, false, [&](CDBCControl& c) {
+        if (!SocketCanLayout())
+            return c.Decode(out, static_cast<const VCI_CAN_OBJ*>(frames), count);
+        const auto* in = static_cast<const TarnCanFrame*>(frames);
+        std::vector<VCI_CAN_OBJ> objs(count);
+        for (uint32_t i = 0; i < count; ++i) objs[i] = CanFrameToVci(in[i]);
+        return c.Decode(out, objs.data(), objs.size());
+    });
+}
+
+bool TARN_Encode(uint32_t h, void* frames, uint32_t* count, const DBCMessage* msg) {
+    if (count == nullptr) return false;
+    return WithControl("TARN_Encode", h, false, [&](CDBCControl& c) {
+        if (!SocketCanLayout()) return c.Encode(static_cast<VCI_CAN_OBJ*>(frames), count, msg);
+        std::vector<VCI_CAN_OBJ> objs(frames == nullptr ? 0 : *count);
+        uint32_t n = static_cast<uint32_t>(objs.size());
+        const bool ok = c.Encode(objs.data(), &n, msg);
+        auto* outFrames = static_cast<TarnCanFrame*>(frames);
+        for (uint32_t i = 0; i < n; ++i) outFrames[i] = VciToCanFrame(objs[i]);
+        *count = n;
+        return ok;
+    });
+}
+
+void TARN_OnReceive(uint32_t h, const void* frame, uint8_t fd) {
+    if (frame == nullptr) return;
+    WithControl("TARN_OnReceive", h, [&](CDBCControl& c) {
+        if (!SocketCanLayout()) {
+            if (fd == 0) c.OnReceive(*static_cast<const VCI_CAN_OBJ*>(frame));
+        } else if (fd == 0) {
+            c.OnReceive(CanFrameToVci(*static_cast<const TarnCanFrame*>(frame)));
+        } else if (fd == 1) {
+            const auto& fdf = *static_cast<const TarnCanFdFrame*>(frame);
+            if (fdf.len <= kFdMaxLen) c.OnReceive(CanFrameToVci(FdHeadToClassic(fdf)));
+        }
+    });
+}
+
+bool TARN_AsyncAnalyse(uint32_t h, const void* frame, uint8_t fd, uint64_t tag) {
+    return WithControl("TARN_AsyncAnalyse", h, false,
+                       [&](CDBCControl& c) { return c.AsyncAnalyse(h, frame, fd, tag); });
+}
+
+void TARN_SetAsyncAnalyseCallback(uint32_t h, TARN_AsyncAnalyseCallback callback, void* context) {
+    WithControl("TARN_SetAsyncAnalyseCallback", h,
+                [&](CDBCControl& c) { c.SetAsyncAnalyseCallback(callback, context); });
+}
+
+void TARN_SetSender(uint32_t h, TARN_SenderFunc sender, void* context) {
+    WithControl("TARN_SetSender", h, [&](CDBCControl& c) { c.SetSender(sender, context); });
+}
+
+void TARN_SetOnMultiTransDoneFunc(uint32_t h, TARN_MultiTransDoneFunc callback, void* context) {
+    WithControl("TARN_SetOnMultiTransDoneFunc", h,
+                [&](CDBCControl& c) { c.SetOnMultiTransDoneFunc(callback, context); });
+}
+
+uint32_t TARN_Send(uint32_t h, const DBCMessage* msg, uint8_t fd) {
+    try {
+        if (msg == nullptr) return kSendFailed;
+        if (fd == 1 && !SocketCanLayout()) return kSendFailed;
+        if (fd == 0 || msg->size > kFdMaxLen) {
+            return WithControl("TARN_Send", h, kSendFailed,
+                               [&](CDBCControl& c) { return c.Send(msg); });
+        }
+        if (fd != 1) return kSendFailed;
+        return SendFd(h, msg);
+    } catch (...) {
+        tarn::LogEscaped("TARN_Send");
+        return kSendFailed;
+    }
+}
+
+void TARN_SetCANFDSender(uint32_t h, TARN_SenderFunc sender, void* context) {
+    try {
+        g_canfd_sender.Set(h, sender, context);
+    } catch (...) {
+        tarn::LogEscaped("TARN_SetCANFDSender");
+    }
+}
+
+}  // extern "C"
