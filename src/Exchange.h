@@ -2,13 +2,17 @@
 // queued for the send thread, which runs RTS / CTS-paced TP.DT / EndOfMsgAck.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <deque>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 #include "Analyser.h"
 #include "MultiFrmListener.h"
-#include "common/conditionvariable.h"
 #include "common/thread.h"
 #include "tarn.h"
 
@@ -23,7 +27,7 @@ struct J1939ID {
 };
 
 class CExchange {
-public:
+  public:
     using SenderFn = bool (*)(void* context, void* frame);
 
     struct MultiTransmitInfo {
@@ -50,9 +54,80 @@ public:
     void Stop();
     void Reset();
 
-    // Internal operations; the helper owning this file may extend the
-    // private section as it needs.
-private:
-    CAnalyser* m_analyser;
-    bool m_disableMultiSend;
+  private:
+    // What a completed send hands to the listener, copied while the state
+    // lock is held so the send thread may move on to the next message.
+    struct Completion {
+        J1939ID id;
+        uint16_t size = 0;
+        std::vector<VCI_CAN_OBJ> frames;  // the encoder's packets
+        std::vector<VCI_CAN_OBJ> sent;    // the TP.DT frames as they went out
+    };
+    using Lock = std::unique_lock<std::mutex>;
+
+    static void* OnMultiSend(void* self);
+    void SendMultiFrm();
+    uint32_t SendMultiFrm(MultiTransmitInfo& info);
+    bool TakeNext();
+    uint32_t SendShort(const DBCMessage& msg);
+    uint32_t Enqueue(const DBCMessage& msg);
+    std::vector<VCI_CAN_OBJ> EncodeMsg(const DBCMessage& msg);
+    bool SendSingleFrm(const VCI_CAN_OBJ& frame);
+
+    VCI_CAN_OBJ InitComObj(const uint8_t (&data)[8], bool answer) const;
+    void InitDtObj(VCI_CAN_OBJ& frame) const;
+    bool RequestMultiTrans(const J1939ID& id, uint64_t size);
+    void AbortMultiTrans(uint64_t pgn);
+    bool SendDT(const std::vector<VCI_CAN_OBJ>& frames, uint64_t timeoutMs);
+    int SendGrant(const std::vector<VCI_CAN_OBJ>& frames, size_t first, size_t count);
+    bool GrantLocked(size_t frameCount, size_t& first, size_t& count) const;
+    int AfterGrantLocked(Lock& lock, size_t frameCount, size_t& first, size_t& count);
+
+    void ProcessCom(const VCI_CAN_OBJ& frame);
+    bool ProcessRTS(const VCI_CAN_OBJ& frame);
+    bool ProcessCTS(const VCI_CAN_OBJ& frame);
+    bool ProcessACK(const VCI_CAN_OBJ& frame);
+    bool ProcessAbort(const VCI_CAN_OBJ& frame);
+    bool IsMatch(const VCI_CAN_OBJ& frame) const;
+    bool TakeCompletion(Completion& done);
+    void OnMultiTransDone(Completion& done, uint8_t value);
+
+    void ResetLocked();
+    void SignalLocked();
+    void WaitLocked(Lock& lock, unsigned ms);
+
+    CAnalyser* const m_analyser;
+    const bool m_disableMultiSend;
+    std::atomic<IOnMultiTransDoneListener*> m_listener{nullptr};
+
+    // m_mutex guards everything below that the send thread and the receiving
+    // thread share: addressing, state, grant, flags, frame lists and queue.
+    mutable std::mutex m_mutex;
+    SenderFn m_sender = nullptr;
+    void* m_senderContext = nullptr;
+    J1939ID m_transferId;
+    uint16_t m_totalSize = 0;
+    uint8_t m_packetCount = 0;
+    uint32_t m_state = 0;
+    uint32_t m_mode = 0;
+    uint8_t m_ctsPacketCount = 0;
+    uint8_t m_ctsNextPacket = 0;
+    bool m_ctsReceived = false;
+    std::vector<VCI_CAN_OBJ> m_sentFrames;
+    std::vector<bool> m_packetBits;
+    bool m_active = false;
+    std::time_t m_rtsTime = 0;
+    std::deque<std::unique_ptr<DBCMessage>> m_queue;
+    // Written only by the send thread (under m_mutex), so it may read it freely.
+    MultiTransmitInfo m_current;
+    // An auto-reset event: a CTS, acknowledgement or abort that lands before
+    // the send thread starts waiting is kept, not lost.
+    bool m_signalled = false;
+    std::condition_variable m_wakeup;
+    std::condition_variable m_queued;
+
+    std::atomic<bool> m_stop{false};
+    std::mutex m_encodeMutex;  // the analyser is not safe for concurrent encodes
+    kq::Thread m_thread;
+    bool m_threadStarted = false;
 };

@@ -8,7 +8,7 @@
 #include "tarn.h"
 
 class IOnMultiTransDoneListener {
-public:
+  public:
     virtual ~IOnMultiTransDoneListener() = default;
     // id: reconstructed identifier; frames: the transfer's packets (the
     // listener may rewrite them); value: 1 for a received transfer, 0 for a
@@ -18,7 +18,10 @@ public:
 };
 
 class CMultiFrmListener {
-public:
+  public:
+    // Millisecond clock used for the RTS restart time; replaceable for tests.
+    using Clock = uint64_t (*)();
+
     CMultiFrmListener();
     virtual ~CMultiFrmListener();
     CMultiFrmListener(const CMultiFrmListener&) = delete;
@@ -29,6 +32,7 @@ public:
     // Non-zero when the frame was taken.
     int Push(const VCI_CAN_OBJ& frame);
     uint32_t GetState() const { return m_state; }
+    void SetClock(Clock now);
 
     int ProcessRTS(const VCI_CAN_OBJ& frame);
     int ProcessCTS(const VCI_CAN_OBJ& frame);
@@ -38,15 +42,20 @@ public:
     int ProcessDT(const VCI_CAN_OBJ& frame);
     int Notify();
 
-private:
+  private:
+    int Announce(const VCI_CAN_OBJ& frame, bool broadcast);
+    bool PgnMatches(const VCI_CAN_OBJ& frame) const;
+    void Assemble();
+
     IOnMultiTransDoneListener* m_listener = nullptr;
+    Clock m_now;
     uint32_t m_state = 0;
     uint16_t m_size = 0;
     uint8_t m_packetCount = 0;
     uint32_t m_pgn = 0;
     std::vector<VCI_CAN_OBJ> m_packets;
     std::vector<bool> m_received;
-    uint8_t* m_payload = nullptr;
+    std::vector<uint8_t> m_payload;
     uint32_t m_announceId = 0;
     uint64_t m_startTime = 0;
     bool m_broadcast = false;
