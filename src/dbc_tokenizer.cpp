@@ -1,0 +1,246 @@
+// The scanner over DBC text and the load driver that dispatches each line's
+// first word to its section parser.
+#include <cctype>
+#include <cstring>
+
+#include "common/file_utils.h"
+#include "common/log.h"
+#include "common/str_utils.h"
+#include "dbc_impl.h"
+
+namespace {
+constexpr CharKindTable kCharKind = init_char_kind();
+}
+
+const unsigned char* const g_char_kind = kCharKind.data();
+
+// Logs "(line) " (or "(line)" when blank is false), the fixed text and a
+// tail; FormatString bounds the whole text.
+void DBCImpl::LogLine(const char* fixed, const char* tail, bool blank) const {
+    std::string text = kq::StrUtils::FormatString(blank ? "(%d) %s%s" : "(%d)%s%s",
+                                                  static_cast<int>(m_line), fixed, tail);
+    KQ_LOG(kq::LOG_ERROR, "%s\n", text.c_str());
+}
+
+void DBCImpl::BeginText(const char* text) {
+    m_cursor = text;
+    m_start = text;
+    m_char = *text;
+    m_line = 1;
+}
+
+void DBCImpl::Step() {
+    if (m_char == '\0') return;
+    m_char = *++m_cursor;
+    if (m_char == '\n') ++m_line;
+}
+
+bool DBCImpl::IgnoreWhiteSpace() {
+    while (IsBlank(m_char)) Step();
+    m_start = m_cursor;
+    return m_char != '\0';
+}
+
+bool DBCImpl::IgnoreLine() {
+    if (m_char != '\n') {
+        const char* p = m_cursor;
+        while (*p && *p != '\n') ++p;
+        m_cursor = p;
+        m_char = *p;
+        if (m_char == '\0') {
+            m_start = m_cursor;
+            return false;
+        }
+        ++m_line;  // arrived on the line feed
+    }
+    Step();
+    m_start = m_cursor;
+    return true;
+}
+
+void DBCImpl::ScanWord(const char*& begin, size_t& len) {
+    IgnoreWhiteSpace();
+    begin = m_cursor;
+    const char* p = m_cursor;
+    while (IsIdentChar(*p)) ++p;
+    len = static_cast<size_t>(p - begin);
+    if (len) {
+        m_cursor = p;
+        m_char = *p;
+        if (m_char == '\n') ++m_line;
+    }
+}
+
+std::string DBCImpl::ReadIdentifier() {
+    const char* begin;
+    size_t len;
+    ScanWord(begin, len);
+    return std::string(begin, len);
+}
+
+const char* DBCImpl::ReadIdentifierAtom() {
+    const char* begin;
+    size_t len;
+    ScanWord(begin, len);
+    return m_atoms.intern(begin, len);
+}
+
+const char* DBCImpl::InternUpper(const char* s, size_t n) {
+    char small[64];
+    std::string big;
+    char* out = small;
+    if (n > sizeof(small)) {
+        big.resize(n);
+        out = &big[0];
+    }
+    for (size_t i = 0; i < n; ++i)
+        out[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(s[i])));
+    return m_atoms.intern(out, n);
+}
+
+std::string DBCImpl::ReadString() {
+    IgnoreWhiteSpace();
+    std::string out;
+    if (m_char != '"') return out;
+    Step();
+    while (m_char != '\0') {
+        if (m_char == '\\') {
+            Step();
+            if (m_char == '\0') break;
+        } else if (m_char == '"') {
+            Step();
+            m_start = m_cursor;
+            return out;
+        }
+        // Copy a run of plain bytes at once; the run stops before any byte
+        // that needs a decision (quote, backslash, line feed, end).
+        const char* run = m_cursor + 1;
+        while (*run && *run != '"' && *run != '\\' && *run != '\n') ++run;
+        out.append(m_cursor, static_cast<size_t>(run - m_cursor));
+        m_cursor = run - 1;
+        m_char = *m_cursor;
+        Step();
+    }
+    LogLine("string not match");
+    m_start = m_cursor;
+    return out;
+}
+
+std::vector<const char*> DBCImpl::ReadEnum() {
+    std::vector<const char*> out;
+    for (;;) {
+        std::string s = ReadString();
+        const char* atom = m_atoms.intern(s);
+        if (!s.empty() && atom) out.push_back(atom);
+        IgnoreWhiteSpace();
+        if (m_char != ',') return out;
+        Step();
+    }
+}
+
+void DBCImpl::SetRollback() {
+    m_marks.push_back(MarkInfo{m_start, m_cursor, m_line, m_char});
+}
+
+bool DBCImpl::Rollback() {
+    if (m_marks.empty()) {
+        LogLine("!m_marks.empty()", "", false);
+        return false;
+    }
+    const MarkInfo& mark = m_marks.back();
+    m_start = mark.start;
+    m_cursor = mark.cursor;
+    m_line = mark.line;
+    m_char = mark.ch;
+    m_marks.pop_back();
+    return true;
+}
+
+void DBCImpl::DropRollback() {
+    if (!m_marks.empty()) m_marks.pop_back();
+}
+
+bool DBCImpl::ParseNS() {
+    while (IgnoreLine() && IsBlank(m_char)) {
+    }
+    return true;
+}
+
+// Copies the text a numeric sscanf at the cursor could examine: `tokens`
+// pairs of a white-space run and a non-white-space run. No number format
+// reads across white space after its token, so scanning the copy gives the
+// same result without sscanf measuring the rest of a large text each time.
+const char* DBCImpl::ScanWindow(int tokens) {
+    auto space = [](char c) {
+        return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+    };
+    const char* p = m_cursor;
+    for (int i = 0; i < tokens; ++i) {
+        while (*p && space(*p)) ++p;
+        while (*p && !space(*p)) ++p;
+    }
+    m_scratch.assign(m_cursor, static_cast<size_t>(p - m_cursor));
+    return m_scratch.c_str();
+}
+
+bool DBCImpl::Load(const std::string& path, bool merge) {
+    if (path.empty()) return false;
+    m_merge = merge;
+    m_protocol = 2;
+    std::string text;
+    if (!kq::FileUtils::ReadTextFile(path, text)) {
+        LogLine("Fail to load file: ", path.c_str());
+        return false;
+    }
+    return LoadContent(text);
+}
+
+// Handles one line start; false only when a message definition failed.
+bool DBCImpl::DispatchLine() {
+    IgnoreWhiteSpace();
+    if (m_char == '\r' || m_char == '\n') {
+        IgnoreLine();
+        return true;
+    }
+    const char* begin;
+    size_t len;
+    ScanWord(begin, len);
+    m_atoms.intern(begin, len);
+    const char* kw = InternUpper(begin, len);
+    if (kw == m_kwCM) {
+        ParseCM();
+    } else if (kw == m_kwBA) {
+        ParseBA();
+    } else if (kw == m_kwBADef) {
+        ParseBADef();
+    } else if (kw == m_kwBADefDef) {
+        ParseBADefault();
+    } else if (kw == m_kwVAL) {
+        ParseVAL();
+    } else if (kw == m_kwBO) {
+        if (!ParseBO()) {
+            LogLine("ParseBO()", "", false);
+            return false;
+        }
+    } else if (kw == m_kwNS) {
+        ParseNS();
+    } else if (kw == m_kwBU) {
+        ParseBU();
+    } else if (kw == m_kwSigValType) {
+        ParseSigValType();
+    } else {
+        IgnoreLine();
+    }
+    return true;
+}
+
+bool DBCImpl::LoadContent(const std::string& text) {
+    Clear(m_merge);
+    m_warnSigned = true;
+    BeginText(text.c_str());
+    while (m_char != '\0') {
+        if (!DispatchLine()) return false;
+    }
+    RebuildNameIndex();
+    return true;
+}
