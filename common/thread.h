@@ -3,14 +3,14 @@
 
 #include <pthread.h>
 
-#include <atomic>
+#include <memory>
 
 namespace kq {
 
 unsigned int GetCurThreadId();
 
 class Thread {
-public:
+  public:
     using Func = void* (*)(void*);
 
     Thread();
@@ -19,21 +19,23 @@ public:
     Thread& operator=(const Thread&) = delete;
 
     bool Start(Func fn, void* arg);
-    // Waits for a running thread; false when the object is idle.
+    // Waits for a running thread; false when the object is idle. A thread
+    // that already ended is still reaped here, so no handle is left behind.
     bool Join();
     // Forgets the thread without stopping it.
     bool Kill();
     void Reset();
-    bool IsRunning() const { return running_.load(); }
+    bool IsRunning() const;
 
-private:
+    struct State;  // shared with the running thread, which may outlive this object
+
+  private:
     static void* Entry(void* self);
+    void ReapOrForget();
 
-    void* arg_ = nullptr;
-    std::atomic<bool> running_{false};
+    std::shared_ptr<State> state_;
     pthread_t handle_{};
-    bool joinable_ = false;  // a started, not yet joined thread
-    Func func_ = nullptr;
+    bool joinable_ = false;  // a started, not yet joined or detached thread
 };
 
 }  // namespace kq
