@@ -33,8 +33,8 @@ const char* Atoms::find(const char* s, size_t n) const {
     if (m_buckets.empty()) return nullptr;
     uint64_t h = Hash(s, n);
     for (Node* node = m_buckets[h % m_buckets.size()]; node; node = node->next) {
-        if (node->length == n && node->hash == h && std::memcmp(node->text, s, n) == 0)
-            return node->text;
+        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
+            return Text(node);
     }
     return nullptr;
 }
@@ -61,7 +61,8 @@ void Atoms::Grow() {
 // Nodes and their texts are carved from arena blocks: one allocation per
 // 64 KiB instead of two per name, and no per-name allocator overhead.
 Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
-    size_t need = (sizeof(Node) + n + 1 + alignof(Node) - 1) & ~(alignof(Node) - 1);
+    if (n >= UINT32_MAX) return nullptr;
+    size_t need = (kTextOffset + n + 1 + alignof(Node) - 1) & ~(alignof(Node) - 1);
     char* at = nullptr;
     if (need > kBlockSize / 4) {
         // Oversized names get a block of their own; the current one stays open.
@@ -81,12 +82,11 @@ Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
         m_left -= need;
     }
     Node* node = reinterpret_cast<Node*>(at);
-    node->length = n;
-    node->hash = hash;
-    node->text = at + sizeof(Node);
     node->next = nullptr;
-    std::memcpy(node->text, s, n);
-    node->text[n] = '\0';
+    node->hash = hash;
+    node->length = static_cast<uint32_t>(n);
+    std::memcpy(Text(node), s, n);
+    Text(node)[n] = '\0';
     return node;
 }
 
@@ -97,8 +97,8 @@ const char* Atoms::intern(const char* s, size_t n) {
     Node** link = &m_buckets[h % m_buckets.size()];
     for (; *link; link = &(*link)->next) {
         Node* node = *link;
-        if (node->length == n && node->hash == h && std::memcmp(node->text, s, n) == 0)
-            return node->text;
+        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
+            return Text(node);
     }
     Node* node = nullptr;
     try {
@@ -113,7 +113,7 @@ const char* Atoms::intern(const char* s, size_t n) {
     }
     *link = node;
     ++m_count;
-    return node->text;
+    return Text(node);
 }
 
 }  // namespace dbc_detail

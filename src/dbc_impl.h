@@ -75,12 +75,14 @@ class Atoms {
     static uint64_t Hash(const char* s, size_t n);
 
   private:
+    // The text follows its node in the arena (it starts at Text(node)).
     struct Node {
-        uint64_t length;
-        uint64_t hash;
-        char* text;
         Node* next;
+        uint64_t hash;
+        uint32_t length;
     };
+    static constexpr size_t kTextOffset = offsetof(Node, length) + sizeof(uint32_t);
+    static char* Text(Node* node) { return reinterpret_cast<char*>(node) + kTextOffset; }
 
     void Grow();
     Node* Allocate(const char* s, size_t n, uint64_t hash);

@@ -192,18 +192,30 @@ void DBCImpl::AddMuxValueDesc(Message* msg, uint32_t value) {
 
 // Cursor on ':'. Collects the text up to the first ']' without blanks.
 bool DBCImpl::ReadSignalDef(SignalDef& def) {
-    const char* p = m_cursor + 1;
-    m_defBuf.clear();
-    for (; *p && *p != ']'; ++p) {
-        if (*p == '\n') ++m_line;
-        if (!IsBlank(*p)) m_defBuf.push_back(*p);
-    }
+    const char* from = m_cursor + 1;
+    const char* p = from;
+    uint32_t lines = 0;
+    for (char c = *p; c != ']' && c != '\0'; c = *++p) lines += c == '\n';
+    m_line += lines;
     m_cursor = p;
     m_char = *p;
     if (m_char == '\0') return false;  // no closing bracket before the end
-    m_defBuf.push_back(']');
+    // Ordinary definitions fit the stack buffer; longer ones use m_defBuf.
+    char local[256];
+    size_t span = static_cast<size_t>(p - from) + 2;
+    char* out = local;
+    if (span > sizeof(local)) {
+        m_defBuf.resize(span);
+        out = &m_defBuf[0];
+    }
+    char* w = out;
+    for (const char* q = from; q != p; ++q) {
+        if (*q != ' ' && *q != '\t') *w++ = *q;
+    }
+    *w++ = ']';
+    *w = '\0';
     Step();
-    return ParseSignalDef(m_defBuf.c_str(), def) == 8;
+    return ParseSignalDef(out, def) == 8;
 }
 
 void DBCImpl::StoreSignal(Message* msg, Signal& sig) {
