@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Builds everything (Release) and runs the example program.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+bash tools/install_deps.sh
+
+echo "== configure build/ (Release)"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
+echo "== build"
+cmake --build build -j2
+echo "== run build/examples/tarn_example"
+./build/examples/tarn_example
