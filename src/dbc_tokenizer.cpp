@@ -26,7 +26,8 @@ void DBCImpl::BeginText(const char* text) {
     m_cursor = text;
     m_start = text;
     m_char = *text;
-    m_line = 1;
+    // The line number counts every line feed up to and including the cursor.
+    m_line = m_char == '\n' ? 2 : 1;
 }
 
 void DBCImpl::Step() {
