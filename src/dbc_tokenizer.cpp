@@ -26,8 +26,7 @@ void DBCImpl::BeginText(const char* text) {
     m_cursor = text;
     m_start = text;
     m_char = *text;
-    // The line number counts every line feed up to and including the cursor.
-    m_line = m_char == '\n' ? 2 : 1;
+    m_line = 1;
 }
 
 void DBCImpl::Step() {
