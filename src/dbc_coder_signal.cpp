@@ -105,6 +105,39 @@ bool NegativeInteger(uint64_t raw, const Signal& sig) {
     return sig.isSigned && sig.length >= 2 && sig.length <= 64 && ((raw >> (sig.length - 1)) & 1);
 }
 
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "word loads assume a little-endian host");
+
+uint64_t LoadLe64(const uint8_t* p) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof(w));
+    return w;
+}
+
+uint64_t LowMask64(uint32_t bits) {
+    return bits >= 64 ? ~0ull : (1ull << bits) - 1;
+}
+
+// One 8-byte load for signals that lie within 8 bytes of their first byte
+// and that the byte-wise rule extracts exactly (no partial last byte going
+// through the 32-bit shift). False leaves the signal to the byte-wise rule.
+bool WordExtract(const uint8_t* payload, const Signal& sig, size_t size, uint64_t& raw) {
+    const uint32_t len = sig.length;
+    const uint64_t byte = sig.startBit / 8;
+    const uint32_t bit = sig.startBit % 8;
+    if (size < 8 || byte > size - 8) return false;
+    if (!sig.bigEndian) {
+        uint32_t end = bit + len;  // one past the most significant bit, from the first byte
+        if (end > 64 || (len >= 32 && end > 8 && end % 8 != 0)) return false;
+        raw = (LoadLe64(payload + byte) >> bit) & LowMask64(len);
+        return true;
+    }
+    // Motorola: the start byte holds the most significant bits (bit .. 0).
+    if (len > 57 + bit || (len >= 32 && len > bit + 1 && bit != 7)) return false;
+    uint64_t w = __builtin_bswap64(LoadLe64(payload + byte));
+    raw = (w >> (57 + bit - len)) & LowMask64(len);
+    return true;
+}
+
 }  // namespace
 
 uint64_t DBCCoder::GetRawValue(const uint8_t* payload, const Signal& sig, size_t size) const {
@@ -112,10 +145,13 @@ uint64_t DBCCoder::GetRawValue(const uint8_t* payload, const Signal& sig, size_t
         KQ_LOG(kq::LOG_ERROR, "%s\n", kTooLong);
         return 0;
     }
+    uint64_t raw = 0;
+    if (sig.length == 0 || !payload) return 0;
+    if (WordExtract(payload, sig, size, raw)) return raw;
     Placement pl;
-    if (sig.length == 0 || !payload || !Locate(sig, size, pl)) return 0;
+    if (!Locate(sig, size, pl)) return 0;
     const uint8_t* b = payload + pl.lsbByte;
-    uint64_t raw = (*b >> pl.lsbBit) & LowMask(pl.first);
+    raw = (*b >> pl.lsbBit) & LowMask(pl.first);
     uint32_t shift = pl.first;
     for (uint32_t k = 0; k < pl.whole; ++k, shift += 8) {
         b += pl.dir;
