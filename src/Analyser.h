@@ -48,6 +48,10 @@ public:
     DBCCoder& Coder() { return m_coder; }
 
 private:
+    const Signal* FindValueTable(uint32_t id, const char* signal) const;
+    // Logs "CAnalyser::<what>--ID:0x%08x" at level 3 under this source's name.
+    static void LogFailure(const char* what, uint32_t id);
+
     DBCEx m_db;
     DBCCoder m_coder;
     std::vector<NetworkNode*> m_nodes;
