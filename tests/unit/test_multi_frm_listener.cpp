@@ -131,6 +131,12 @@ TEST_P(TransferTest, PayloadMatchesInputByteForByte) {
     EXPECT_EQ(rx.GetState(), 0u);
 }
 
+std::string CaseName(const ::testing::TestParamInfo<TransferCase>& info) {
+    static const char* const orders[] = {"InOrder", "Shuffled", "Repeated"};
+    return std::string(info.param.broadcast ? "Bam" : "RtsCts") + std::to_string(info.param.size) +
+           orders[int(info.param.order)];
+}
+
 INSTANTIATE_TEST_SUITE_P(Transfers, TransferTest,
                          ::testing::Values(TransferCase{true, 20, Order::InOrder},
                                            TransferCase{true, 9, Order::InOrder},
@@ -139,7 +145,8 @@ INSTANTIATE_TEST_SUITE_P(Transfers, TransferTest,
                                            TransferCase{false, 21, Order::InOrder},
                                            TransferCase{false, 100, Order::Shuffled},
                                            TransferCase{false, 1785, Order::Repeated},
-                                           TransferCase{false, 1784, Order::Shuffled}));
+                                           TransferCase{false, 1784, Order::Shuffled}),
+                         CaseName);
 
 TEST_F(ListenerTest, BroadcastWithLastPacketEarlyStaysOpenUntilAbort) {
     auto packets = Packets(0x25, 0xFF, RandomBytes(20, 1));
