@@ -1,7 +1,6 @@
 #include "logline.h"
 
 #include <cctype>
-#include <vector>
 
 namespace tarncli {
 namespace {
@@ -33,10 +32,10 @@ std::string_view takeWord(std::string_view& s) {
     return word;
 }
 
-// Identifier of 1 to 3 hex digits: standard; 4 to 8: extended (candump writes 3 or 8).
+// candump writes standard identifiers with 3 hex digits and extended ones with 8.
 bool parseId(std::string_view text, LogFrame& f, std::string& error) {
-    if (text.empty() || text.size() > 8) {
-        error = "bad identifier '" + std::string(text) + "'";
+    if (text.size() != 3 && text.size() != 8) {
+        error = "identifier '" + std::string(text) + "' has neither 3 nor 8 hex digits";
         return false;
     }
     uint32_t v = 0;
