@@ -51,7 +51,7 @@ VCI_CAN_OBJ Frame(uint32_t id, std::vector<uint8_t> data) {
     f.id = id;
     f.externFlag = id > 0x7FF;
     f.dataLen = 8;
-    std::memcpy(f.data, data.data(), data.size() < 8 ? data.size() : 8);
+    for (size_t i = 0; i < data.size() && i < 8; ++i) f.data[i] = data[i];
     return f;
 }
 
