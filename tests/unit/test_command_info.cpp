@@ -38,14 +38,6 @@ class CommandInfoTest : public ::testing::Test {
     AutoUnref<CommandInfo> guard{true, cmd};
 };
 
-TEST_F(CommandInfoTest, FreshRecordIsEmptyWithInitialBlock) {
-    EXPECT_EQ(1, cmd->RefCount());
-    EXPECT_EQ(0u, cmd->Used());
-    EXPECT_EQ(128u, cmd->Capacity());
-    EXPECT_TRUE(Collect(*cmd).empty());
-    EXPECT_EQ(nullptr, cmd->GetValue("a"));
-}
-
 TEST_F(CommandInfoTest, NameIsCutAt31Characters) {
     struct {
         const char* in;
@@ -196,24 +188,6 @@ TEST_F(CommandInfoTest, DumpPrintsNameAndPairs) {
     testing::internal::CaptureStdout();
     cmd->Dump();
     EXPECT_EQ("M a=1 b=2 \n", testing::internal::GetCapturedStdout());
-}
-
-TEST(CommandInfoLifetime, GuardReleasesOnlyTheLastReference) {
-    struct Probe : CommandInfo {
-        bool* gone;
-        explicit Probe(bool* g) : gone(g) {}
-        ~Probe() override { *gone = true; }
-    };
-    bool gone = false;
-    auto* p = new Probe(&gone);
-    p->AddRef();
-    { AutoUnref<CommandInfo> a(true, p); }
-    EXPECT_FALSE(gone);
-    EXPECT_EQ(1, p->RefCount());
-    { AutoUnref<CommandInfo> unowned(false, p); }
-    EXPECT_FALSE(gone);
-    { AutoUnref<CommandInfo> b(true, p); }
-    EXPECT_TRUE(gone);
 }
 
 }  // namespace

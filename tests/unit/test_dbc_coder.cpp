@@ -232,30 +232,30 @@ TEST_F(CoderTest, LongestTransferDecodesAndLongerListsFail) {
 }
 
 TEST_F(CoderTest, EncodeSplitsIntoPacketsWithFilledTail) {
+    // Payload laid out by hand: First, Cross (bytes 6-7), Moto (bytes 8-9, high first), Last.
+    std::vector<uint8_t> payload(20, 0);
+    payload[0] = 1;
+    payload[6] = 0x03;
+    payload[7] = 0x02;
+    payload[8] = 0x04;
+    payload[9] = 0x05;
+    payload[19] = 0xFF;
+    Frames want = Packets(0x98EA00FE, payload);
+    want[2].data[7] = 0xFF;  // 20 = 2 * 7 + 6: one unused byte, filled
     CommandInfo* rec =
         Record("Pdu1", {{"First", "1"}, {"Cross", "515"}, {"Moto", "1029"}, {"Last", "255"}});
-    Frames frames = coder.Encode(rec);
-    ASSERT_EQ(3u, frames.size());
-    for (size_t k = 0; k < 3; ++k) {
-        EXPECT_EQ(0x98EA00FEu, frames[k].id);
-        EXPECT_EQ(1, frames[k].externFlag);
-        EXPECT_EQ(8, frames[k].dataLen);
-        EXPECT_EQ(k + 1, frames[k].data[0]);
+    Frames got = coder.Encode(rec);
+    ASSERT_EQ(want.size(), got.size());
+    for (size_t k = 0; k < want.size(); ++k) {
+        EXPECT_EQ(0, std::memcmp(&want[k], &got[k], sizeof(VCI_CAN_OBJ))) << "packet " << k;
     }
-    const uint8_t last[8] = {3, 0, 0, 0, 0, 0, 0xFF, 0xFF};  // byte 19 = 255, then fill
-    EXPECT_EQ(0, std::memcmp(last, frames[2].data, 8));
-    EXPECT_EQ(1, frames[0].data[1]);
-    EXPECT_EQ(0x03, frames[0].data[7]);  // Cross low byte ends packet 1
-    EXPECT_EQ(0x02, frames[1].data[1]);
-    EXPECT_EQ(0x04, frames[1].data[2]);  // Moto high byte
-    EXPECT_EQ(0x05, frames[1].data[3]);
-    ASSERT_TRUE(coder.Decode(cmd, frames, false));
+    ASSERT_TRUE(coder.Decode(cmd, got, false));
     EXPECT_EQ("515", Value(cmd, "Cross"));
     EXPECT_EQ("1029", Value(cmd, "Moto"));
 
     Frames full = coder.Encode(Record("Long21", {{"Tail", "170"}}));
     ASSERT_EQ(3u, full.size());
-    const uint8_t fullLast[8] = {3, 0, 0, 0, 0, 0, 0, 170};
+    const uint8_t fullLast[8] = {3, 0, 0, 0, 0, 0, 0, 170};  // 21 bytes: no fill
     EXPECT_EQ(0, std::memcmp(fullLast, full[2].data, 8));
 }
 
