@@ -146,6 +146,16 @@ _PROTOTYPES = {
 }
 
 
+def _instrumented(build_dir):
+    """Sanitizer builds cannot be loaded into an uninstrumented interpreter."""
+    try:
+        with open(os.path.join(build_dir, "CMakeCache.txt")) as cache:
+            return any(line.startswith("TARN_SANITIZE:STRING=") and line.strip()[21:]
+                       for line in cache)
+    except OSError:
+        return False
+
+
 def _candidates():
     """Where to look for libtarn.so, best first."""
     env = os.environ.get("TARN_LIBRARY")
@@ -154,8 +164,9 @@ def _candidates():
     here = os.path.dirname(os.path.abspath(__file__))
     root = os.path.dirname(os.path.dirname(here))
     found = glob.glob(os.path.join(root, "build", "libtarn.so"))
-    others = glob.glob(os.path.join(root, "build*", "libtarn.so"))
-    found += sorted(set(others) - set(found), key=os.path.getmtime, reverse=True)
+    others = [p for p in glob.glob(os.path.join(root, "build*", "libtarn.so"))
+              if p not in found and not _instrumented(os.path.dirname(p))]
+    found += sorted(others, key=os.path.getmtime, reverse=True)
     system = ctypes.util.find_library("tarn")
     return found + [system or "libtarn.so.1"]
 

@@ -37,6 +37,10 @@ expect_status() {
         fail "$what: exit status $got, wanted $want"
     fi
     if [ "$got" -ge 128 ]; then fail "$what: killed by a signal"; fi
+    if grep -qE 'Sanitizer|runtime error:' "$work/err"; then
+        fail "$what: sanitizer report"
+        cat "$work/err" >&2
+    fi
 }
 
 expect_in() {  # expect_in FILE TEXT DESCRIPTION
@@ -168,6 +172,32 @@ expect_status 2 "unknown command" -- "$tarn" frobnicate "$dbc"
 expect_status 2 "unknown option" -- "$tarn" decode --bogus "$dbc"
 expect_status 0 "help" -- "$tarn" --help
 expect_in "$work/out" "usage: tarn" "help text"
+
+# Mangled copies of the demo log and raw bytes: any exit status, but no crash.
+python3 - "$log" >"$work/mangled.log" <<'PY'
+import random, sys
+rng = random.Random(11)
+lines = open(sys.argv[1]).read().splitlines()
+alphabet = "0123456789ABCDEF#()[]. R_\t"
+for _ in range(3000):
+    line = list(rng.choice(lines))
+    for _ in range(rng.randrange(1, 4)):
+        i = rng.randrange(len(line))
+        op = rng.randrange(3)
+        if op == 0:
+            line[i] = rng.choice(alphabet)
+        elif op == 1:
+            del line[i]
+        else:
+            line.insert(i, rng.choice(alphabet) * rng.randrange(1, 70))
+    print("".join(line))
+PY
+expect_status 0 "mangled log lines" -- "$tarn" decode --json "$dbc" "$work/mangled.log"
+python3 -c 'import json, sys; [json.loads(l) for l in open(sys.argv[1])]' "$work/out" ||
+    fail "JSON output of mangled input"
+head -c 65536 /dev/urandom >"$work/random.log"
+"$tarn" decode "$dbc" "$work/random.log" >/dev/null 2>"$work/err"
+[ $? -lt 2 ] || fail "random bytes as a log"
 
 # --- Encode ----------------------------------------------------------------
 # The long message goes out as the BAM transfer written by hand in the demo log.
