@@ -259,6 +259,9 @@ bool CExchange::TakeNext() {
     m_current.id = msg->id & 0x7FFFFFFF;
     m_current.size = msg->size;
     ResetLocked();
+    // Claimed at once: a peer's RTS landing before the request would otherwise
+    // take the idle exchange and make our own request fail.
+    m_mode = kModeSend;
     return true;
 }
 
