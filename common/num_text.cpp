@@ -33,21 +33,35 @@ size_t FixedFallback(double v, char* out) {
     return static_cast<size_t>(n) < kFixedTextSize ? static_cast<size_t>(n) : kFixedTextSize - 1;
 }
 
-// Rounds |v| * 10^6 to the nearest integer, ties to even, from the exact
-// binary value. Only called for finite |v| < 2^64.
-u128 ScaledMicros(double mag) {
-    int exp = 0;
-    double frac = std::frexp(mag, &exp);  // mag = frac * 2^exp, frac in [0.5, 1)
-    uint64_t mant = static_cast<uint64_t>(std::ldexp(frac, 53));
-    int shift = 53 - exp;  // mag = mant / 2^shift
-    u128 scaled = static_cast<u128>(mant) * kMillion;
-    if (shift <= 0) return scaled << -shift;
-    if (shift >= 127) return 0;  // below 2^-74: far under half a micro
-    u128 q = scaled >> shift;
-    u128 rem = scaled - (q << shift);
+// Integer part and rounded millionths of a finite magnitude below 2^64, from
+// its exact binary value; halfway cases go to the even number of millionths.
+struct Fixed {
+    uint64_t whole;
+    uint32_t micros;
+};
+
+Fixed SplitMicros(double mag) {
+    uint64_t bits;
+    std::memcpy(&bits, &mag, sizeof(bits));
+    uint64_t mant = bits & ((1ull << 52) - 1);
+    int biased = static_cast<int>(bits >> 52);
+    int exp = -1074;  // mag = mant * 2^exp
+    if (biased != 0) {
+        mant |= 1ull << 52;
+        exp = biased - 1075;
+    }
+    if (exp >= 0) return {mant << exp, 0};
+    int shift = -exp;
+    if (shift >= 75) return {0, 0};  // mant * 10^6 < 2^73: under half a millionth
+    uint64_t whole = shift >= 64 ? 0 : mant >> shift;
+    uint64_t frac = shift >= 64 ? mant : mant & ((1ull << shift) - 1);
+    u128 scaled = static_cast<u128>(frac) * kMillion;
+    uint64_t q = static_cast<uint64_t>(scaled >> shift);
+    u128 rem = scaled & ((static_cast<u128>(1) << shift) - 1);
     u128 half = static_cast<u128>(1) << (shift - 1);
     if (rem > half || (rem == half && (q & 1))) ++q;
-    return q;
+    if (q == kMillion) return {whole + 1, 0};
+    return {whole, static_cast<uint32_t>(q)};
 }
 
 }  // namespace
@@ -77,12 +91,10 @@ size_t FormatFixed6(double v, char* out) {
     if (!(mag < 18446744073709551616.0)) return FixedFallback(v, out);  // large, inf, nan
     char* p = out;
     if (std::signbit(v)) *p++ = '-';
-    u128 micros = mag == 0.0 ? 0 : ScaledMicros(mag);
-    // The rounded integer part may reach 2^64 only for mag just below it,
-    // where mag is an integer and no rounding happens; it fits in 64 bits.
-    p += FormatU64(static_cast<uint64_t>(micros / kMillion), p);
+    Fixed fixed = SplitMicros(mag);
+    p += FormatU64(fixed.whole, p);
     *p++ = '.';
-    WriteSixDigits(static_cast<uint32_t>(micros % kMillion), p);
+    WriteSixDigits(fixed.micros, p);
     p[6] = '\0';
     return static_cast<size_t>(p + 6 - out);
 }
