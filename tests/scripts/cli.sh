@@ -257,6 +257,11 @@ if [ -d "$logs" ] && [ -r "$j1939" ]; then
 else
     echo "public logs not found under $shared: skipping that part"
 fi
+# Every public DBC file dumps without trouble.
+for f in "$shared"/dbc/*.dbc "$shared"/dbc/*.DBC; do
+    [ -r "$f" ] || continue
+    expect_status 0 "dump $(basename "$f")" -- "$tarn" dump "$f"
+done
 
 if [ "$failures" -ne 0 ]; then
     echo "$failures check(s) failed" >&2
