@@ -547,6 +547,35 @@ TEST(HostileOutcome, MillionShortLines) {
     EXPECT_EQ(1000003u, db.Impl()->Line());
 }
 
+// Files whose text ends exactly at a page boundary leave the scanner no
+// terminating byte inside the file; endings that keep scanning to the end
+// must stop there all the same.
+TEST(HostileOutcome, FilesEndingAtPageBoundariesLoad) {
+    kq::LogInit("/dev/null", kq::LOG_ERROR);
+    char dir[] = "/tmp/tarn_hostile_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string path = std::string(dir) + "/edge.dbc";
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    for (const char* tail :
+         {" SG_ S : 0|8@1+ (1,0) [0|255", "CM_ \"open", "BU_: NodeName", "CM_ \"a\\"}) {
+        for (size_t size : {page - 1, page, page + 1, 2 * page}) {
+            SCOPED_TRACE(std::string(tail) + " / " + std::to_string(size));
+            std::string text = kMsg + " SG_ A : 0|8@1+ (1,0) [0|1] \"\" X\n";
+            text += std::string(size - text.size() - std::strlen(tail), '\n') + tail;
+            ASSERT_EQ(size, text.size());
+            std::ofstream(path, std::ios::binary) << text;
+            DBCEx db;
+            EXPECT_TRUE(db.Load(path, false));
+            const Message* m = db.FindMsg(100);
+            ASSERT_NE(m, nullptr);
+            EXPECT_NE(db.FindSignal(m, "A"), nullptr);
+        }
+    }
+    std::remove(path.c_str());
+    rmdir(dir);
+    kq::LogInit(nullptr, kq::LOG_DEBUG);
+}
+
 TEST(HostileOutcome, RepeatedIdStopsTheLoadButKeepsEarlierMessages) {
     DBC db;
     EXPECT_FALSE(db.LoadContent(Repeat("BO_ 5 A: 8 X\nBO_ 6 B: 8 X\n", 1000)));
