@@ -74,8 +74,12 @@ bool TARN_LoadFile(uint32_t h, const FileInfo* info) {
 }
 
 void TARN_SetProtocol(uint32_t h, uint8_t protocol) {
-    WithControl("TARN_SetProtocol", h,
-                [&](CDBCControl& c) { c.SetProtocol(static_cast<ProtocolType>(protocol)); });
+    // Bytes the enumeration has no name for cannot be stored in it; only 0
+    // means J1939, so they all stand for "another protocol".
+    const ProtocolType type = protocol <= TARN_PROTOCOL_UNDECLARED
+                                  ? static_cast<ProtocolType>(protocol)
+                                  : TARN_PROTOCOL_OTHER;
+    WithControl("TARN_SetProtocol", h, [&](CDBCControl& c) { c.SetProtocol(type); });
 }
 
 uint8_t TARN_GetProtocol(uint32_t h) {
