@@ -33,7 +33,8 @@ const char* Atoms::find(const char* s, size_t n) const {
     if (m_buckets.empty()) return nullptr;
     uint64_t h = Hash(s, n);
     for (Node* node = m_buckets[h % m_buckets.size()]; node; node = node->next) {
-        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
+        if (node->length == n && node->hash == static_cast<uint32_t>(h) &&
+            std::memcmp(Text(node), s, n) == 0)
             return Text(node);
     }
     return nullptr;
@@ -45,7 +46,7 @@ void Atoms::Grow() {
     for (Node* head : m_buckets) {
         for (Node* node = head; node;) {
             Node* next = node->next;
-            size_t b = node->hash % grown.size();
+            size_t b = Hash(Text(node), node->length) % grown.size();
             node->next = nullptr;
             if (tails[b])
                 tails[b]->next = node;
@@ -83,7 +84,7 @@ Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
     }
     Node* node = reinterpret_cast<Node*>(at);
     node->next = nullptr;
-    node->hash = hash;
+    node->hash = static_cast<uint32_t>(hash);
     node->length = static_cast<uint32_t>(n);
     std::memcpy(Text(node), s, n);
     Text(node)[n] = '\0';
@@ -97,7 +98,8 @@ const char* Atoms::intern(const char* s, size_t n) {
     Node** link = &m_buckets[h % m_buckets.size()];
     for (; *link; link = &(*link)->next) {
         Node* node = *link;
-        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
+        if (node->length == n && node->hash == static_cast<uint32_t>(h) &&
+            std::memcmp(Text(node), s, n) == 0)
             return Text(node);
     }
     Node* node = nullptr;

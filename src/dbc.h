@@ -61,12 +61,15 @@ struct ValPair {
     std::string desc;
 };
 
+// Small members are grouped so that a signal's map node stays in a smaller
+// allocation size class: a loaded file holds tens of thousands of them.
 struct Signal {
     const char* name = nullptr;
     std::string multiplexer;  // "", "M" or "m<n>" exactly as written
     uint32_t multiplexerValue = 0;
     uint32_t startBit = 0;
     uint32_t length = 0;
+    uint32_t index = 0;  // position among the message's signals in file order
     double factor = 0.0;
     double offset = 0.0;
     double minimum = 0.0;
@@ -75,13 +78,12 @@ struct Signal {
     std::string comment;
     bool bigEndian = false;  // Motorola byte order (@0)
     bool isSigned = false;
+    uint8_t valueType = 0;  // 0 integer, 1 float, 2 double
     // Raw value of physical 0 after loading; the coder's decode overwrites it
     // with each decoded raw value.
     uint64_t rawZero = 0;
-    uint8_t valueType = 0;  // 0 integer, 1 float, 2 double
     std::vector<Attr> attrs;
     std::vector<ValPair> valueDescs;
-    uint32_t index = 0;  // position among the message's signals in file order
 };
 
 struct Message {

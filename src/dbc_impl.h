@@ -75,13 +75,15 @@ class Atoms {
     static uint64_t Hash(const char* s, size_t n);
 
   private:
-    // The text follows its node in the arena (it starts at Text(node)).
+    // The text follows its node in the arena (it starts at Text(node)). Only
+    // the low half of the hash is kept, as a quick filter; growth recomputes
+    // the full hash from the text.
     struct Node {
         Node* next;
-        uint64_t hash;
+        uint32_t hash;
         uint32_t length;
     };
-    static constexpr size_t kTextOffset = offsetof(Node, length) + sizeof(uint32_t);
+    static constexpr size_t kTextOffset = sizeof(Node);
     static char* Text(Node* node) { return reinterpret_cast<char*>(node) + kTextOffset; }
 
     void Grow();
@@ -113,6 +115,8 @@ class DBCImpl {
     // Loading.
     bool Load(const std::string& path, bool merge);
     bool LoadContent(const std::string& text);
+    // Loads NUL-terminated text; the scan ends at the first NUL.
+    bool LoadText(const char* text);
     void Clear(bool merge);
 
     // Lookups.

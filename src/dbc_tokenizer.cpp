@@ -1,6 +1,13 @@
 // The scanner over DBC text and the load driver that dispatches each line's
 // first word to its section parser.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "common/file_utils.h"
@@ -183,16 +190,63 @@ const char* DBCImpl::ScanWindow(int tokens) {
     return m_scratch.c_str();
 }
 
+namespace {
+
+// A read-only mapping of a whole regular file followed by at least one NUL
+// byte, so that the scanner runs over the file without a heap copy of it.
+// Anything unusual (empty, special or huge files, mapping errors) leaves
+// the view empty and the caller reads the file the ordinary way.
+class MappedText {
+  public:
+    explicit MappedText(const std::string& path) {
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return;
+        struct stat st;
+        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size < INT32_MAX)
+            Map(fd, static_cast<size_t>(st.st_size));
+        close(fd);
+    }
+    ~MappedText() {
+        if (m_base) munmap(m_base, m_span);
+    }
+    MappedText(const MappedText&) = delete;
+    MappedText& operator=(const MappedText&) = delete;
+
+    const char* data() const { return static_cast<const char*>(m_base); }
+
+  private:
+    void Map(int fd, size_t size) {
+        size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        size_t span = (size / page + 1) * page;  // zero pages past the end
+        void* base = mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base == MAP_FAILED) return;
+        void* file = mmap(base, size, PROT_READ, MAP_PRIVATE | MAP_FIXED | MAP_POPULATE, fd, 0);
+        if (file == MAP_FAILED) {
+            munmap(base, span);
+            return;
+        }
+        m_base = base;
+        m_span = span;
+    }
+
+    void* m_base = nullptr;
+    size_t m_span = 0;
+};
+
+}  // namespace
+
 bool DBCImpl::Load(const std::string& path, bool merge) {
     if (path.empty()) return false;
     m_merge = merge;
     m_protocol = 2;
+    MappedText mapped(path);
+    if (mapped.data()) return LoadText(mapped.data());
     std::string text;
     if (!kq::FileUtils::ReadTextFile(path, text)) {
         LogLine("Fail to load file: ", path.c_str());
         return false;
     }
-    return LoadContent(text);
+    return LoadText(text.c_str());
 }
 
 // Handles one line start; false only when a message definition failed.
@@ -235,9 +289,13 @@ bool DBCImpl::DispatchLine() {
 }
 
 bool DBCImpl::LoadContent(const std::string& text) {
+    return LoadText(text.c_str());
+}
+
+bool DBCImpl::LoadText(const char* text) {
     Clear(m_merge);
     m_warnSigned = true;
-    BeginText(text.c_str());
+    BeginText(text);
     while (m_char != '\0') {
         if (!DispatchLine()) return false;
     }
