@@ -296,9 +296,12 @@ bool DBCImpl::LoadText(const char* text) {
     Clear(m_merge);
     m_warnSigned = true;
     BeginText(text);
-    while (m_char != '\0') {
-        if (!DispatchLine()) return false;
-    }
-    RebuildNameIndex();
-    return true;
+    bool ok = true;
+    while (ok && m_char != '\0') ok = DispatchLine();
+    if (ok) RebuildNameIndex();
+    // A pathological line may have grown the scratch buffers; keep no such
+    // memory with the model.
+    std::string().swap(m_scratch);
+    std::string().swap(m_defBuf);
+    return ok;
 }

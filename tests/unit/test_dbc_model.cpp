@@ -164,6 +164,27 @@ TEST(Loading, ListenerHearsEveryLoadAndMissingFilesLogLineZero) {
               log.Messages());
 }
 
+// Files that cannot be read whole (empty, a directory) fail like a missing
+// one and leave the model as it was.
+TEST(Loading, UnreadableFilesFailAndKeepTheModel) {
+    char dir[] = "/tmp/tarn_dbc_empty_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string empty = std::string(dir) + "/empty.dbc";
+    std::fclose(std::fopen(empty.c_str(), "w"));
+    dbctest::LogCapture log;
+    DBCEx db;
+    ASSERT_TRUE(db.LoadContent("BO_ 1 A: 8 X\n"));
+    EXPECT_FALSE(db.Load(empty, false));
+    EXPECT_FALSE(db.Load(dir, false));
+    EXPECT_NE(db.FindMsg(1), nullptr);
+    EXPECT_EQ(1u, db.GetMessageCount());
+    EXPECT_EQ((std::vector<std::string>{"(2) Fail to load file: " + empty,
+                                        "(2) Fail to load file: " + std::string(dir)}),
+              log.Messages());
+    unlink(empty.c_str());
+    rmdir(dir);
+}
+
 TEST(Loading, FileLoadResetsProtocolButContentLoadDoesNot) {
     char path[] = "/tmp/tarn_dbc_model_XXXXXX";
     int fd = mkstemp(path);
