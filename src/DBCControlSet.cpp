@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "DBCControl.h"
+#include "common/log.h"
 
 // Defined together so that their construction and destruction order is fixed.
 CanFdSenderMap g_canfd_sender;
@@ -35,11 +36,15 @@ void CDBCControlSet::Delete(uint32_t handle) {
     m_controls.erase(handle);
 }
 
-CDBCControl* CDBCControlSet::Take(uint32_t handle) {
+CDBCControl* CDBCControlSet::TakeForRelease(uint32_t handle) {
     std::unique_lock<std::shared_mutex> lock(m_mutex);
     auto it = m_controls.find(handle);
     if (it == m_controls.end()) return nullptr;
     CDBCControl* ctrl = it->second;
+    if (ctrl->OnAnalysisThread()) {
+        KQ_LOG(kq::LOG_ERROR, "TARN_Release--handle %u released from its own callback\n", handle);
+        return nullptr;
+    }
     m_controls.erase(it);
     return ctrl;
 }

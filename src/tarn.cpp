@@ -53,15 +53,9 @@ uint32_t TARN_Init(bool disableMultiSend, bool asyncAnalyse) {
 
 void TARN_Release(uint32_t h) {
     try {
-        CDBCControl* ctrl = g_dbc_ctrl_set.Find(h);
-        if (ctrl == nullptr) return;
-        if (ctrl->OnAnalysisThread()) {
-            KQ_LOG(kq::LOG_ERROR, "TARN_Release--handle %u released from its own callback\n", h);
-            return;
-        }
         // Unmapped first, so no other thread can look it up while it goes away.
-        g_dbc_ctrl_set.Take(h);
-        ctrl->Release();
+        CDBCControl* ctrl = g_dbc_ctrl_set.TakeForRelease(h);
+        if (ctrl != nullptr) ctrl->Release();
     } catch (...) {
         tarn::LogEscaped("TARN_Release");
     }
