@@ -43,6 +43,7 @@ uint32_t MuxValueOf(const std::string& text) {
 }
 
 void FillMultiplexing(const std::string& text, DBCSignal& out) {
+    if (text.empty()) return;
     if (text.find('M') != std::string::npos) {
         out.multiplexerType = TARN_MUX_SWITCH;
     } else if (text.find('m') != std::string::npos) {
@@ -62,9 +63,10 @@ void FillSignal(const Signal& sig, DBCSignal& out) {
     out.byteOrder = sig.bigEndian ? 0 : 1;
     out.valueType = sig.valueType;
     out.rawValue = sig.rawZero;
+    // The slot was zeroed: empty texts need no copy.
     strcpy2_s(out.name, kNameBound, OrEmpty(sig.name));
-    strcpy2_s(out.comment, kCommentBound, sig.comment.c_str());
-    strcpy2_s(out.unit, kUnitBound, OrEmpty(sig.unit));
+    if (!sig.comment.empty()) strcpy2_s(out.comment, kCommentBound, sig.comment.c_str());
+    if (sig.unit && *sig.unit) strcpy2_s(out.unit, kUnitBound, sig.unit);
     FillMultiplexing(sig.multiplexer, out);
 }
 
@@ -269,7 +271,59 @@ bool SignalCompareAscend(const DBCSignal& a, const DBCSignal& b) {
     return a.length < b.length;
 }
 
+namespace {
+
+// Sort key of one slot: sorting these small records with the same
+// comparisons yields the same permutation as sorting the 528-byte slots,
+// which then move at most once each.
+struct SlotKey {
+    uint32_t startBit;
+    uint32_t length;
+    uint32_t slot;
+};
+
+bool SlotKeyLess(const SlotKey& a, const SlotKey& b) {
+    if (a.startBit != b.startBit) return a.startBit < b.startBit;
+    return a.length < b.length;
+}
+
+// Slot i receives the old slot keys[i].slot; each cycle needs one spare.
+void ApplyOrder(DBCSignal* signals, const SlotKey* keys, uint32_t count) {
+    bool placed[TARN_MAX_SIGNALS] = {};
+    for (uint32_t i = 0; i < count; ++i) {
+        if (placed[i] || keys[i].slot == i) continue;
+        DBCSignal spare = signals[i];
+        uint32_t j = i;
+        for (uint32_t k = keys[j].slot; k != i; j = k, k = keys[j].slot) {
+            signals[j] = signals[k];
+            placed[j] = true;
+        }
+        signals[j] = spare;
+        placed[j] = true;
+    }
+}
+
+}  // namespace
+
+// Whether sorting would leave the slots as they are: always for strictly
+// ascending keys, and for ascending keys with ties when the sort is a plain
+// insertion sort (16 elements or fewer), which keeps ties in place.
+bool AlreadyInOrder(const SlotKey* keys, uint32_t count) {
+    bool ties = false;
+    for (uint32_t i = 1; i < count; ++i) {
+        if (SlotKeyLess(keys[i], keys[i - 1])) return false;
+        ties = ties || !SlotKeyLess(keys[i - 1], keys[i]);
+    }
+    return !ties || count <= 16;
+}
+
 void SortMessageSignals(DBCMessage& msg) {
-    if (msg.signalCount < 2 || msg.signalCount > TARN_MAX_SIGNALS) return;
-    std::sort(msg.signals, msg.signals + msg.signalCount, SignalCompareAscend);
+    uint32_t count = msg.signalCount;
+    if (count < 2 || count > TARN_MAX_SIGNALS) return;
+    SlotKey keys[TARN_MAX_SIGNALS];
+    for (uint32_t i = 0; i < count; ++i)
+        keys[i] = {msg.signals[i].startBit, msg.signals[i].length, i};
+    if (AlreadyInOrder(keys, count)) return;
+    std::sort(keys, keys + count, SlotKeyLess);
+    ApplyOrder(msg.signals, keys, count);
 }

@@ -25,10 +25,9 @@ uint32_t SlotCount(const DBCMessage& msg) {
 }
 
 // Slot names are bounded copies that may lack a terminator; a name that did
-// not fit can never equal the full key.
-bool SlotNameIs(const DBCSignal& slot, const char* key) {
-    size_t len = strnlen(key, TARN_NAME_LEN);
-    return len < TARN_NAME_LEN && memcmp(slot.name, key, len + 1) == 0;
+// not fit can never equal the full key, whose length the caller checked.
+bool SlotNameIs(const DBCSignal& slot, const char* key, size_t len) {
+    return slot.name[0] == key[0] && memcmp(slot.name, key, len + 1) == 0;
 }
 
 // Low 16 bits of the switch's physical value truncated toward zero; values
@@ -54,21 +53,58 @@ bool IsSelected(const DBCSignal& sig, uint32_t switchValue) {
     return sig.multiplexerType != TARN_MUX_MULTIPLEXED || sig.multiplexerValue == switchValue;
 }
 
+// Reads the decimal texts the coder writes ("%lu", "%lf") without strtod: an
+// integer of at most 15 digits divided by a power of ten up to 10^6 is exactly
+// what strtod returns, both results being correctly rounded. Anything else
+// goes to strtod.
+double ReadNumber(const char* text) {
+    static const double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6};
+    const char* p = text + (*text == '-');
+    uint64_t n = 0;
+    int digits = 0, decimals = -1;
+    for (; digits <= 15; ++p) {
+        if (*p >= '0' && *p <= '9') {
+            n = n * 10 + static_cast<uint64_t>(*p - '0');
+            ++digits;
+            decimals += decimals >= 0;
+        } else if (*p == '.' && decimals < 0) {
+            decimals = 0;
+        } else {
+            break;
+        }
+    }
+    if (*p != '\0' || digits == 0 || digits > 15 || decimals > 6) return strtod(text, nullptr);
+    double v = static_cast<double>(n) / kPow10[decimals < 0 ? 0 : decimals];
+    return *text == '-' ? -v : v;
+}
+
+bool HasValueTables(const Message& msg) {
+    for (const auto& entry : msg.signals)
+        if (!entry.second.valueDescs.empty()) return true;
+    return false;
+}
+
 // Walks the decoded pairs of one message and writes the value-table text of
-// each decoded value into the slots of that signal.
+// each decoded value into the slot of that signal.
 struct DescWriter {
     const Message* msg;
     DBCMessage* out;
-    SignalIter hint;
+    SignalIter next;
 
+    // The coder appends one pair per signal in signal-map order, so pairs
+    // are matched to signals by position; only signals with a table are
+    // checked by name, and a mismatch falls back to a search.
     const Signal* Find(const char* key) {
-        // The coder appends in signal-map order, so the next entry is
-        // almost always the one after the previous match.
-        if (hint != msg->signals.end() && hint->second.name && !strcmp(hint->second.name, key))
-            return &(hint++)->second;
-        for (SignalIter it = msg->signals.begin(); it != msg->signals.end(); ++it) {
+        SignalIter end = msg->signals.end();
+        if (next != end && next->second.valueDescs.empty()) {
+            ++next;
+            return nullptr;
+        }
+        if (next != end && next->second.name && !strcmp(next->second.name, key))
+            return &(next++)->second;
+        for (SignalIter it = msg->signals.begin(); it != end; ++it) {
             if (it->second.name && !strcmp(it->second.name, key)) {
-                hint = std::next(it);
+                next = std::next(it);
                 return &it->second;
             }
         }
@@ -78,7 +114,7 @@ struct DescWriter {
     void Apply(const char* key, const char* value) {
         const Signal* sig = Find(key);
         if (!sig || sig->valueDescs.empty()) return;
-        double v = strtod(value, nullptr);
+        double v = ReadNumber(value);
         const ValPair* match = nullptr;
         for (const ValPair& pair : sig->valueDescs) {
             if (pair.value == v) {
@@ -86,11 +122,14 @@ struct DescWriter {
                 break;
             }
         }
-        if (!match) return;
+        size_t len = strlen(key);
+        if (!match || len >= TARN_NAME_LEN) return;
         for (uint32_t i = 0, n = SlotCount(*out); i < n; ++i) {
-            if (SlotNameIs(out->signals[i], key))
-                strcpy2_s(out->signals[i].valueDescription, TARN_VALDESC_LEN - 1,
-                          match->desc.c_str());
+            DBCSignal& slot = out->signals[i];
+            // Position first: cheap, and nearly always unique.
+            if (slot.startBit != sig->startBit || slot.length != sig->length) continue;
+            if (SlotNameIs(slot, key, len))
+                strcpy2_s(slot.valueDescription, TARN_VALDESC_LEN - 1, match->desc.c_str());
         }
     }
 
@@ -98,6 +137,17 @@ struct DescWriter {
         static_cast<DescWriter*>(ctx)->Apply(key, value);
     }
 };
+
+// One decode record per thread; the coder resets it on every decode, so a
+// decode allocates nothing once the record has grown to its largest message.
+kq::CommandInfo& DecodeRecord() {
+    struct Holder {
+        kq::CommandInfo* cmd = kq::CommandInfo::Create();
+        ~Holder() { cmd->Release(); }
+    };
+    thread_local Holder holder;
+    return *holder.cmd;
+}
 
 void AppendSelected(kq::CommandInfo& cmd, const DBCMessage& msg) {
     uint16_t switchValue = 0;
@@ -118,9 +168,9 @@ void AppendSelected(kq::CommandInfo& cmd, const DBCMessage& msg) {
 bool CAnalyser::Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count, bool flag) {
     if (!out || !frames || count == 0) return false;
     try {
-        kq::CommandInfo* cmd = kq::CommandInfo::Create();
-        kq::AutoUnref<kq::CommandInfo> guard(true, cmd);
-        std::vector<VCI_CAN_OBJ> copies(frames, frames + count);
+        kq::CommandInfo* cmd = &DecodeRecord();
+        thread_local std::vector<VCI_CAN_OBJ> copies;
+        copies.assign(frames, frames + count);
         // One message's frames share one identifier kind: the first decides.
         if (frames[0].externFlag)
             for (VCI_CAN_OBJ& f : copies) f.id |= kExtendedBit;
@@ -130,8 +180,10 @@ bool CAnalyser::Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count,
         TranslateMsg(*msg, *out);
         out->id = frames[0].id & kFrameIdBits;
         SelectMutiplexer(out);
-        DescWriter writer{msg, out, msg->signals.begin()};
-        cmd->ForEach(&DescWriter::Visit, &writer);
+        if (HasValueTables(*msg)) {
+            DescWriter writer{msg, out, msg->signals.begin()};
+            cmd->ForEach(&DescWriter::Visit, &writer);
+        }
         return true;
     } catch (...) {
         LogFailure("Decode", frames[0].id);

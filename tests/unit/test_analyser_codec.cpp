@@ -193,6 +193,9 @@ const char* kDb =
     " SG_ Neg : 16|8@1- (1,0) [0|0] \"\" Node\n"
     " SG_ Long : 24|8@1+ (1,0) [0|0] \"\" Node\n"
     "\n"
+    "BO_ 295 Wide64: 8 Node\n"
+    " SG_ Big : 0|64@1+ (1,0) [0|0] \"\" Node\n"
+    "\n"
     "BO_ 1792 Std: 14 Node\n"
     " SG_ Lo : 0|32@1+ (1,0) [0|0] \"\" Node\n"
     " SG_ Hi : 80|16@1+ (1,0) [0|0] \"\" Node\n"
@@ -204,7 +207,8 @@ const char* kDb =
     "\n"
     "VAL_ 294 Plain 1 \"One\" 2 \"Two\" 4 \"Four\" ;\n"
     "VAL_ 294 Scaled 1 \"One\" 2 \"Two\" 4 \"Four\" ;\n"
-    "VAL_ 294 Neg 255 \"All set\" 1 \"One\" ;\n";
+    "VAL_ 294 Neg 255 \"All set\" 1 \"One\" ;\n"
+    "VAL_ 295 Big 1152921504606846976 \"Huge\" ;\n";
 
 std::string LongDescTable() {
     return "VAL_ 294 Long 7 \"" + std::string(200, 'd') + "\" ;\n";
@@ -391,8 +395,9 @@ TEST(Select, SwitchValueIsTheTruncatedPhysicalLow16Bits) {
 // --- value descriptions --------------------------------------------------------
 
 struct DescCase {
+    uint32_t id;
     const char* signal;
-    uint8_t raw;
+    uint64_t raw;
     std::string desc;
 };
 
@@ -403,10 +408,10 @@ class Descriptions : public Codec, public ::testing::WithParamInterface<DescCase
 // its negative value (raw 0xFF of Neg reads -1, which the table lacks).
 TEST_P(Descriptions, DecodedValueIsLookedUpInTheTable) {
     const DescCase& c = GetParam();
-    RefMessage ref = Ref(294);
+    RefMessage ref = Ref(c.id);
     uint8_t data[8] = {};
     atest::RefPack(data, *atest::FindRef(ref, c.signal), c.raw);
-    VCI_CAN_OBJ f = Frame(294, false, data);
+    VCI_CAN_OBJ f = Frame(c.id, false, data);
     auto out = NewMessage();
     memset(out.get(), 0x33, sizeof *out);
     ASSERT_TRUE(a.Decode(out.get(), &f, 1, false));
@@ -422,10 +427,15 @@ TEST_P(Descriptions, DecodedValueIsLookedUpInTheTable) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, Descriptions,
-    ::testing::Values(DescCase{"Plain", 2, "Two"}, DescCase{"Plain", 3, ""},
-                      DescCase{"Scaled", 2, "Four"}, DescCase{"Scaled", 1, "Two"},
-                      DescCase{"Neg", 0xFF, ""}, DescCase{"Neg", 1, "One"},
-                      DescCase{"Long", 7, std::string(TARN_VALDESC_LEN, 'd')}));
+    ::testing::Values(DescCase{294, "Plain", 2, "Two"}, DescCase{294, "Plain", 3, ""},
+                      DescCase{294, "Scaled", 2, "Four"}, DescCase{294, "Scaled", 1, "Two"},
+                      DescCase{294, "Neg", 0xFF, ""}, DescCase{294, "Neg", 1, "One"},
+                      DescCase{294, "Long", 7, std::string(TARN_VALDESC_LEN, 'd')},
+                      // 20-digit texts read back as the nearest double: 2^60 + 1
+                      // compares equal to the table's 2^60, 2^60 + 512 does not.
+                      DescCase{295, "Big", 1ULL << 60, "Huge"},
+                      DescCase{295, "Big", (1ULL << 60) + 1, "Huge"},
+                      DescCase{295, "Big", (1ULL << 60) + 512, ""}));
 
 // --- encoding ------------------------------------------------------------------
 

@@ -22,7 +22,9 @@ namespace {
 constexpr uint32_t kExt = 0x80000000u;
 
 // What a bounded copy leaves in a buffer: the source, cut at the buffer size.
-std::string Held(const char* buf, size_t size) { return std::string(buf, strnlen(buf, size)); }
+std::string Held(const char* buf, size_t size) {
+    return std::string(buf, strnlen(buf, size));
+}
 
 uint64_t RecordKey(const DBCMessage& m) {
     return m.id | (m.extended ? uint64_t{kExt} : 0);
@@ -171,6 +173,32 @@ TEST(Translate, SortIsAPermutationOrderedByStartThenLength) {
             after.insert({msg->signals[i].startBit, msg->signals[i].length});
         EXPECT_EQ(before, after);
         ExpectSorted(*msg);
+    }
+}
+
+// The slots must end up exactly as sorting the records themselves with the
+// standard introspective sort would leave them, ties included.
+TEST(Translate, SortEqualsSortingTheRecordsThemselves) {
+    std::mt19937 rng(21);
+    auto msg = NewMessage();
+    auto ref = NewMessage();
+    const uint32_t sizes[] = {2, 3, 15, 16, 17, 31, 64, 200, 256};
+    for (uint32_t n : sizes) {
+        for (int shape = 0; shape < 4; ++shape) {
+            msg->signalCount = n;
+            for (uint32_t i = 0; i < n; ++i) {
+                DBCSignal& s = msg->signals[i];
+                s.startBit = shape == 0 ? rng() % 6 : shape == 1 ? i / 3 : shape == 2 ? n - i : i;
+                s.length = shape == 3 ? 1 : rng() % 3;
+                snprintf(s.name, sizeof s.name, "s%u", i);
+            }
+            *ref = *msg;
+            std::sort(ref->signals, ref->signals + n, SignalCompareAscend);
+            SortMessageSignals(*msg);
+            for (uint32_t i = 0; i < n; ++i)
+                ASSERT_STREQ(msg->signals[i].name, ref->signals[i].name)
+                    << "n " << n << " shape " << shape << " slot " << i;
+        }
     }
 }
 
