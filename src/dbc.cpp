@@ -31,10 +31,9 @@ const char* Atoms::intern(const char* s) {
 
 const char* Atoms::find(const char* s, size_t n) const {
     if (m_buckets.empty()) return nullptr;
-    uint64_t h = Hash(s, n);
+    uint32_t h = static_cast<uint32_t>(Hash(s, n));
     for (Node* node = m_buckets[h % m_buckets.size()]; node; node = node->next) {
-        if (node->length == n && node->hash == static_cast<uint32_t>(h) &&
-            std::memcmp(Text(node), s, n) == 0)
+        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
             return Text(node);
     }
     return nullptr;
@@ -46,7 +45,7 @@ void Atoms::Grow() {
     for (Node* head : m_buckets) {
         for (Node* node = head; node;) {
             Node* next = node->next;
-            size_t b = Hash(Text(node), node->length) % grown.size();
+            size_t b = node->hash % grown.size();
             node->next = nullptr;
             if (tails[b])
                 tails[b]->next = node;
@@ -61,7 +60,7 @@ void Atoms::Grow() {
 
 // Nodes and their texts are carved from arena blocks: one allocation per
 // 64 KiB instead of two per name, and no per-name allocator overhead.
-Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
+Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint32_t hash) {
     if (n >= UINT32_MAX) return nullptr;
     size_t need = (kTextOffset + n + 1 + alignof(Node) - 1) & ~(alignof(Node) - 1);
     char* at = nullptr;
@@ -84,7 +83,7 @@ Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
     }
     Node* node = reinterpret_cast<Node*>(at);
     node->next = nullptr;
-    node->hash = static_cast<uint32_t>(hash);
+    node->hash = hash;
     node->length = static_cast<uint32_t>(n);
     std::memcpy(Text(node), s, n);
     Text(node)[n] = '\0';
@@ -94,12 +93,11 @@ Atoms::Node* Atoms::Allocate(const char* s, size_t n, uint64_t hash) {
 const char* Atoms::intern(const char* s, size_t n) {
     if (!m_buckets.empty() && m_count > m_buckets.size()) Grow();
     if (m_buckets.empty()) return nullptr;
-    uint64_t h = Hash(s, n);
+    uint32_t h = static_cast<uint32_t>(Hash(s, n));
     Node** link = &m_buckets[h % m_buckets.size()];
     for (; *link; link = &(*link)->next) {
         Node* node = *link;
-        if (node->length == n && node->hash == static_cast<uint32_t>(h) &&
-            std::memcmp(Text(node), s, n) == 0)
+        if (node->length == n && node->hash == h && std::memcmp(Text(node), s, n) == 0)
             return Text(node);
     }
     Node* node = nullptr;

@@ -75,9 +75,8 @@ class Atoms {
     static uint64_t Hash(const char* s, size_t n);
 
   private:
-    // The text follows its node in the arena (it starts at Text(node)). Only
-    // the low half of the hash is kept, as a quick filter; growth recomputes
-    // the full hash from the text.
+    // The text follows its node in the arena (it starts at Text(node)). The
+    // low half of the hash picks the bucket and filters comparisons.
     struct Node {
         Node* next;
         uint32_t hash;
@@ -87,7 +86,7 @@ class Atoms {
     static char* Text(Node* node) { return reinterpret_cast<char*>(node) + kTextOffset; }
 
     void Grow();
-    Node* Allocate(const char* s, size_t n, uint64_t hash);
+    Node* Allocate(const char* s, size_t n, uint32_t hash);
 
     std::vector<Node*> m_buckets;
     uint64_t m_count = 0;
