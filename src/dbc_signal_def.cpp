@@ -18,12 +18,12 @@ bool IsDigit(char c) {
 }
 
 // Plain decimal digits only; anything sscanf would treat specially (signs,
-// blanks, more than 19 digits) is left to sscanf itself.
-bool FastUnsigned(const char*& p, uint64_t& v) {
+// blanks, values its strtol/strtoul step would clamp) is left to sscanf.
+bool FastUnsigned(const char*& p, uint64_t& v, int maxDigits = 19) {
     const char* s = p;
     uint64_t x = 0;
     while (IsDigit(*p)) {
-        if (p - s >= 19) return false;
+        if (p - s >= maxDigits) return false;
         x = x * 10 + static_cast<uint64_t>(*p - '0');
         ++p;
     }
@@ -91,7 +91,7 @@ bool FastSignalDef(const char* p, SignalDef& d) {
     uint64_t start, len, order;
     if (!FastUnsigned(p, start) || !Expect(p, '|')) return false;
     if (!FastUnsigned(p, len) || !Expect(p, '@')) return false;
-    if (!FastUnsigned(p, order) || *p == '\0') return false;
+    if (!FastUnsigned(p, order, 18) || *p == '\0') return false;
     d.startBit = static_cast<unsigned>(start);
     d.length = static_cast<unsigned>(len);
     d.byteOrder = static_cast<int>(static_cast<int64_t>(order));

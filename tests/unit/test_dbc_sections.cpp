@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <random>
 
 #include "unit/dbc_test_util.h"
 
@@ -433,6 +434,65 @@ TEST(RecordOrder, ListsFilledOnlyWhenOrdered) {
         if (ordered) {
             EXPECT_EQ(2u, impl->MsgList()[0]->id) << "file order, not id order";
         }
+    }
+}
+
+// Property: the signal definition parser agrees with sscanf, the reference,
+// field by field and bit for bit, on definitions built from tricky tokens.
+TEST(SignalDefinition, AgreesWithSscanfOnGeneratedTexts) {
+    const char* const ints[] = {"0",
+                                "7",
+                                "63",
+                                "4294967295",
+                                "4294967296",
+                                "18446744073709551615",
+                                "99999999999999999999",
+                                "9999999999999999999",
+                                "-1",
+                                "+5",
+                                "x"};
+    const char* const nums[] = {"0",
+                                "-0",
+                                "1",
+                                "0.1",
+                                "-40",
+                                "2.5E-005",
+                                "1e308",
+                                "1e309",
+                                "4.9e-324",
+                                "1e-400",
+                                ".5",
+                                "5.",
+                                "0x1p3",
+                                "inf",
+                                "-nan",
+                                "1e",
+                                "1e+",
+                                "00012.50",
+                                "123456789012345678901234",
+                                "0.000000000000000000001",
+                                "",
+                                "-"};
+    std::mt19937 rng(2024);
+    auto any = [&](const auto& table) { return table[rng() % (sizeof(table) / sizeof(*table))]; };
+    for (int i = 0; i < 20000; ++i) {
+        std::string text = std::string(any(ints)) + "|" + any(ints) + "@" + any(ints) +
+                           (rng() % 8 ? "+" : "") + "(" + any(nums) + "," + any(nums) + ")[" +
+                           any(nums) + "|" + any(nums) + "]";
+        SignalDef got;
+        SignalDef want;
+        int n = ParseSignalDef(text.c_str(), got);
+        int m = std::sscanf(text.c_str(), "%u|%u@%d%c(%lf,%lf)[%lf|%lf]", &want.startBit,
+                            &want.length, &want.byteOrder, &want.sign, &want.factor, &want.offset,
+                            &want.minimum, &want.maximum);
+        ASSERT_EQ(m < 0 ? 0 : m, n) << text;
+        EXPECT_EQ(want.startBit, got.startBit) << text;
+        EXPECT_EQ(want.length, got.length) << text;
+        EXPECT_EQ(want.byteOrder, got.byteOrder) << text;
+        EXPECT_EQ(want.sign, got.sign) << text;
+        const double w[] = {want.factor, want.offset, want.minimum, want.maximum};
+        const double g[] = {got.factor, got.offset, got.minimum, got.maximum};
+        EXPECT_EQ(0, std::memcmp(w, g, sizeof w)) << text;
     }
 }
 
