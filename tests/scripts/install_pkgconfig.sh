@@ -39,8 +39,8 @@ int main(void) {
 C
 
 echo "== pkg-config consumer"
-flags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs tarn)
-cc -std=c11 -Wall -Wextra -Werror "$work/consumer.c" -o "$work/consumer" $flags
+read -r -a flags <<<"$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs tarn)"
+cc -std=c11 -Wall -Wextra -Werror "$work/consumer.c" -o "$work/consumer" "${flags[@]}"
 LD_LIBRARY_PATH=$libdir "$work/consumer"
 
 echo "== find_package consumer"

@@ -119,10 +119,6 @@ TEST(ThreadTest, ThresholdOneHidesTheNoticesButNotTheException) {
     kq::LogInit(nullptr, kq::LOG_DEBUG);
 }
 
-TEST(ThreadTest, CurrentThreadIdIsZero) {
-    EXPECT_EQ(kq::GetCurThreadId(), 0u);
-}
-
 struct Shared {
     kq::Mutex mutex;
     long counter = 0;

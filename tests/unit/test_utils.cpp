@@ -286,12 +286,4 @@ TEST(PlatformTest, InitWithAbsoluteNameOrNoArgumentsLeavesDirectoryEmpty) {
     EXPECT_EQ(kq::Platform::GetExeDir(), "");
 }
 
-TEST(PlatformTest, CloseSocketClosesTheDescriptor) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    EXPECT_EQ(kq::Platform::CloseSocket(fds[0]), 0);
-    EXPECT_EQ(kq::Platform::CloseSocket(fds[0]), -1);
-    close(fds[1]);
-}
-
 }  // namespace
