@@ -46,14 +46,10 @@ bool CDBCControl::OnAnalysisThread() const {
     return m_threadStarted && m_loopThread.load() == std::this_thread::get_id();
 }
 
-bool CDBCControl::Encode(VCI_CAN_OBJ* frames, uint32_t* count, const DBCMessage* msg) {
-    if (count == nullptr) return false;
-    std::vector<VCI_CAN_OBJ> out;
+bool CDBCControl::Encode(std::vector<VCI_CAN_OBJ>& out, uint32_t* count, const DBCMessage* msg) {
     const bool ok = m_analyser.Encode(out, msg);
-    const uint32_t capacity = frames == nullptr ? 0 : *count;
-    const uint32_t n = static_cast<uint32_t>(std::min<size_t>(out.size(), capacity));
-    std::copy_n(out.begin(), n, frames);
-    *count = n;
+    if (out.size() > *count) out.resize(*count);  // the rest is dropped without notice
+    *count = static_cast<uint32_t>(out.size());
     return ok;
 }
 

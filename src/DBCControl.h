@@ -66,8 +66,9 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count) {
         return m_analyser.Decode(out, frames, count, true);
     }
-    // *count: capacity in, frames written out. True when any frame was made.
-    bool Encode(VCI_CAN_OBJ* frames, uint32_t* count, const DBCMessage* msg);
+    // *count: capacity in, frames kept in `out` afterwards. True when the
+    // encoder made any frame, kept or not.
+    bool Encode(std::vector<VCI_CAN_OBJ>& out, uint32_t* count, const DBCMessage* msg);
     bool Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out);
     void OnReceive(const VCI_CAN_OBJ& frame) { m_exchange.OnReceive(&frame); }
     void SetSender(CExchange::SenderFn sender, void* context) {

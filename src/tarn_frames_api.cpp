@@ -104,12 +104,15 @@ bool TARN_Decode(uint32_t h, DBCMessage* out, const void* frames, uint32_t count
 bool TARN_Encode(uint32_t h, void* frames, uint32_t* count, const DBCMessage* msg) {
     if (count == nullptr) return false;
     return WithControl("TARN_Encode", h, false, [&](CDBCControl& c) {
-        if (!SocketCanLayout()) return c.Encode(static_cast<VCI_CAN_OBJ*>(frames), count, msg);
-        std::vector<VCI_CAN_OBJ> objs(frames == nullptr ? 0 : *count);
-        uint32_t n = static_cast<uint32_t>(objs.size());
-        const bool ok = c.Encode(objs.data(), &n, msg);
-        auto* outFrames = static_cast<TarnCanFrame*>(frames);
-        for (uint32_t i = 0; i < n; ++i) outFrames[i] = VciToCanFrame(objs[i]);
+        std::vector<VCI_CAN_OBJ> objs;
+        uint32_t n = frames == nullptr ? 0 : *count;
+        const bool ok = c.Encode(objs, &n, msg);
+        if (SocketCanLayout()) {
+            auto* out = static_cast<TarnCanFrame*>(frames);
+            for (uint32_t i = 0; i < n; ++i) out[i] = VciToCanFrame(objs[i]);
+        } else {
+            std::copy(objs.begin(), objs.end(), static_cast<VCI_CAN_OBJ*>(frames));
+        }
         *count = n;
         return ok;
     });

@@ -223,6 +223,9 @@ TEST_P(Frames, EncodeHonoursCapacity) {
         EXPECT_EQ(base[count * stride], 0xEE);
     }
     uint32_t count = 3;
+    EXPECT_TRUE(TARN_Encode(h, nullptr, &count, msg.get()));  // no room at all
+    EXPECT_EQ(count, 0u);
+    count = 3;
     WireFrame out[3] = {};
     std::strcpy(msg->name, "NoSuchMessage");
     EXPECT_FALSE(TARN_Encode(h, out, &count, msg.get()));
