@@ -13,6 +13,17 @@ namespace {
 
 constexpr unsigned kIdlePollMs = 10;
 
+// Controllers whose callbacks are running on this thread, innermost last.
+thread_local std::vector<const CDBCControl*> t_inCallback;
+
+class CallbackScope {
+  public:
+    explicit CallbackScope(const CDBCControl* ctrl) { t_inCallback.push_back(ctrl); }
+    ~CallbackScope() { t_inCallback.pop_back(); }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+};
+
 }  // namespace
 
 CDBCControl::CDBCControl(bool disableMultiSend, bool asyncAnalyse)
@@ -42,8 +53,33 @@ void CDBCControl::Release() {
     delete this;
 }
 
-bool CDBCControl::OnAnalysisThread() const {
-    return m_threadStarted && m_loopThread.load() == std::this_thread::get_id();
+bool CDBCControl::InOwnCallback() const {
+    return std::find(t_inCallback.begin(), t_inCallback.end(), this) != t_inCallback.end();
+}
+
+void CDBCControl::SetSender(CExchange::SenderFn sender, void* context) {
+    {
+        std::lock_guard<std::mutex> lock(m_cbMutex);
+        m_sender = sender;
+        m_senderCtx = context;
+    }
+    // The exchange always calls through us, so a sender may be swapped while
+    // the send thread runs.
+    m_exchange.SetSender(&CDBCControl::SendThrough, this);
+}
+
+bool CDBCControl::SendThrough(void* self, void* frame) {
+    auto* ctrl = static_cast<CDBCControl*>(self);
+    CExchange::SenderFn sender;
+    void* ctx;
+    {
+        std::lock_guard<std::mutex> lock(ctrl->m_cbMutex);
+        sender = ctrl->m_sender;
+        ctx = ctrl->m_senderCtx;
+    }
+    if (sender == nullptr) return false;
+    CallbackScope scope(ctrl);
+    return sender(ctx, frame);
 }
 
 bool CDBCControl::Encode(std::vector<VCI_CAN_OBJ>& out, uint32_t* count, const DBCMessage* msg) {
@@ -133,7 +169,6 @@ void* CDBCControl::AsyncAnalyseLoop(void* self) {
 }
 
 void CDBCControl::DoAsyncAnalyse() {
-    m_loopThread = std::this_thread::get_id();
     // One record for the thread's lifetime: it is far too large for a stack.
     auto msg = std::make_unique<DBCMessage>();
     FrmObj obj;
@@ -181,7 +216,9 @@ void CDBCControl::DeliverAsync(DBCMessage* msg, uint64_t tag) {
         cb = m_asyncCb;
         ctx = m_asyncCtx;
     }
-    if (cb != nullptr) cb(ctx, msg, tag);
+    if (cb == nullptr) return;
+    CallbackScope scope(this);
+    cb(ctx, msg, tag);
 }
 
 bool CDBCControl::DecodeTransfer(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, DBCMessage* out) {
@@ -201,6 +238,7 @@ void CDBCControl::OnTransDone(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, uin
     if (cb == nullptr) return;
     auto msg = std::make_unique<DBCMessage>();
     if (!DecodeTransfer(id, frames, msg.get())) return;
+    CallbackScope scope(this);
     cb(ctx, msg.get(), data, length, value);
 }
 

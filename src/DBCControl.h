@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "Analyser.h"
@@ -42,8 +41,9 @@ class CDBCControl : public IOnMultiTransDoneListener {
 
     // Stops both threads, discards queued frames and destroys the controller.
     void Release();
-    // True on this controller's own analysis thread, which cannot join itself.
-    bool OnAnalysisThread() const;
+    // True while one of this controller's callbacks runs on the calling
+    // thread: releasing it then would free it under its own caller.
+    bool InOwnCallback() const;
 
     bool Load(const FileInfo* info) { return m_analyser.Load(info); }
     bool GetFirstMessage(DBCMessage* out) { return m_analyser.GetFirstMessage(out); }
@@ -71,9 +71,7 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool Encode(std::vector<VCI_CAN_OBJ>& out, uint32_t* count, const DBCMessage* msg);
     bool Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out);
     void OnReceive(const VCI_CAN_OBJ& frame) { m_exchange.OnReceive(&frame); }
-    void SetSender(CExchange::SenderFn sender, void* context) {
-        m_exchange.SetSender(sender, context);
-    }
+    void SetSender(CExchange::SenderFn sender, void* context);
     uint32_t Send(const DBCMessage* msg) { return m_exchange.Send(msg); }
 
     void SetAsyncAnalyseCallback(TARN_AsyncAnalyseCallback callback, void* context);
@@ -106,6 +104,7 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool PopFront(FrmObj& obj);
     void ClearQueue();
     void DeliverAsync(DBCMessage* msg, uint64_t tag);
+    static bool SendThrough(void* self, void* frame);
     bool DecodeFdPackets(const TarnCanFdFrame& fdf, DBCMessage* out);
     bool DecodeTransfer(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, DBCMessage* out);
 
@@ -119,7 +118,6 @@ class CDBCControl : public IOnMultiTransDoneListener {
     AsyncTransDone m_asyncListener;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_threadStarted{false};
-    std::atomic<std::thread::id> m_loopThread{};
 
     // Callbacks are installed by the application thread and read by the
     // analysis thread and the receiving threads.
@@ -128,4 +126,6 @@ class CDBCControl : public IOnMultiTransDoneListener {
     void* m_asyncCtx = nullptr;
     TARN_MultiTransDoneFunc m_doneCb = nullptr;
     void* m_doneCtx = nullptr;
+    CExchange::SenderFn m_sender = nullptr;
+    void* m_senderCtx = nullptr;
 };

@@ -41,7 +41,7 @@ CDBCControl* CDBCControlSet::TakeForRelease(uint32_t handle) {
     auto it = m_controls.find(handle);
     if (it == m_controls.end()) return nullptr;
     CDBCControl* ctrl = it->second;
-    if (ctrl->OnAnalysisThread()) {
+    if (ctrl->InOwnCallback()) {
         KQ_LOG(kq::LOG_ERROR, "TARN_Release--handle %u released from its own callback\n", handle);
         return nullptr;
     }

@@ -26,8 +26,8 @@ class CDBCControlSet {
     // Drops the entry only; the controller is not touched.
     void Delete(uint32_t handle);
     // Unmaps the controller and returns it for releasing; null when absent or
-    // when called from the controller's own analysis thread, which cannot
-    // wait for itself (the entry then stays).
+    // when called from inside one of the controller's own callbacks (the
+    // entry then stays).
     CDBCControl* TakeForRelease(uint32_t handle);
     // Releases every controller in ascending handle order, then empties the map.
     void Clear();

@@ -353,4 +353,49 @@ INSTANTIATE_TEST_SUITE_P(Sessions, AsyncJ1939, ::testing::Bool(),
                              return info.param ? "Broadcast" : "RtsCts";
                          });
 
+// Releasing an instance from inside any of its own callbacks would free it
+// under the code that called back; the release is refused and the instance
+// keeps working.
+TEST(ReleaseInCallback, IsRefusedForEveryCallbackKind) {
+    TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
+    TempDbc dbc(J1939Dbc());
+    struct Ctx {
+        uint32_t h = 0;
+        std::atomic<int> calls{0};
+        static void Release(void* ctx) {
+            auto* c = static_cast<Ctx*>(ctx);
+            TARN_Release(c->h);
+            c->calls++;
+        }
+        static bool OnSend(void* ctx, void*) {
+            Release(ctx);
+            return true;
+        }
+        static void OnDone(void* ctx, DBCMessage*, uint8_t*, uint16_t, uint8_t) { Release(ctx); }
+    };
+    enum Kind { kSender, kTransferDone };
+    for (Kind kind : {kSender, kTransferDone}) {
+        SCOPED_TRACE(kind == kSender ? "sender" : "transfer done");
+        Ctx ctx;
+        ctx.h = TARN_Init(true, false);
+        ASSERT_TRUE(LoadPath(ctx.h, dbc.path()));
+        auto msg = NewMessage();
+        if (kind == kSender) {
+            TARN_SetSender(ctx.h, &Ctx::OnSend, &ctx);
+            ASSERT_TRUE(TARN_GetMessageById(ctx.h, kJShortId, msg.get()));
+            EXPECT_EQ(TARN_Send(ctx.h, msg.get(), 0), TARN_SEND_OK);
+        } else {
+            TARN_SetOnMultiTransDoneFunc(ctx.h, &Ctx::OnDone, &ctx);
+            for (const Frame& f : Session(kJ9Id, std::vector<uint8_t>(9, 0x42), false)) {
+                const WireFrame w = ToWire(f, TARN_FRAME_SOCKETCAN);
+                TARN_Analyse(ctx.h, w.bytes, 0, msg.get());
+            }
+        }
+        EXPECT_EQ(ctx.calls, 1);
+        EXPECT_EQ(TARN_GetMessageCount(ctx.h), 4u);  // still alive
+        TARN_Release(ctx.h);
+        EXPECT_EQ(TARN_GetMessageCount(ctx.h), 0u);
+    }
+}
+
 }  // namespace
