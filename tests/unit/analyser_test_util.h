@@ -13,7 +13,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -87,57 +86,88 @@ struct RefMessage {
     std::vector<RefSignal> signals;  // file order
 };
 
+inline const char* SkipBlanks(const char* p) {
+    while (*p == ' ' || *p == '\t') ++p;
+    return p;
+}
+
+// One SG_ line (leading blanks already skipped); false if it does not parse.
+inline bool ParseSignalLine(const char* p, RefSignal& s) {
+    char name[256], mux[64] = "";
+    int used = 0;
+    if (sscanf(p, "SG_ %255s%n", name, &used) != 1) return false;
+    p = SkipBlanks(p + used);
+    if (*p != ':') {
+        if (sscanf(p, "%63s%n", mux, &used) != 1) return false;
+        p = SkipBlanks(p + used);
+    }
+    unsigned start = 0, length = 0;
+    char order = 0, sign = 0;
+    if (sscanf(p, ": %u|%u@%c%c (%lf,%lf) [%lf|%lf]%n", &start, &length, &order, &sign, &s.factor,
+               &s.offset, &s.minimum, &s.maximum, &used) != 8)
+        return false;
+    const char* open = strchr(p + used, '"');
+    const char* close = open ? strchr(open + 1, '"') : nullptr;
+    if (!close) return false;
+    s.name = name;
+    s.mux = mux;
+    s.startBit = start;
+    s.length = length;
+    s.motorola = order == '0';
+    s.isSigned = sign == '-';
+    s.unit.assign(open + 1, close);
+    return true;
+}
+
+// Pairs of a VAL_ line after the signal name: number, quoted text, ...
+inline void ParseValuePairs(const char* p, RefSignal& s) {
+    for (;;) {
+        char* end = nullptr;
+        double v = strtod(p, &end);
+        if (end == p) return;
+        const char* open = strchr(end, '"');
+        const char* close = open ? strchr(open + 1, '"') : nullptr;
+        if (!close) return;
+        s.values.emplace_back(v, std::string(open + 1, close));
+        p = close + 1;
+    }
+}
+
+inline RefSignal* FindRefSignal(std::map<uint64_t, RefMessage>& out, uint64_t id,
+                                const char* name) {
+    auto it = out.find(id);
+    if (it == out.end()) return nullptr;
+    for (RefSignal& s : it->second.signals)
+        if (s.name == name) return &s;
+    return nullptr;
+}
+
 // Messages keyed by their identifier as written (bit 31 included).
 inline std::map<uint64_t, RefMessage> ReadReference(const std::string& text) {
-    static const std::regex bo(R"(^BO_\s+(\d+)\s+(\w+)\s*:\s*(\d+))");
-    static const std::regex sg(
-        R"(^\s*SG_\s+(\w+)\s*(\w*)\s*:\s*(\d+)\|(\d+)@([01])([+-])\s*\(([^,]+),([^)]+)\)\s*)"
-        R"(\[([^|]+)\|([^\]]+)\]\s*\"([^\"]*)\")");
-    static const std::regex vt(R"(^SIG_VALTYPE_\s+(\d+)\s+(\w+)\s*:?\s*(\d))");
-    static const std::regex val(R"(^VAL_\s+(\d+)\s+(\w+)\s+(.*);)");
-    static const std::regex pair(R"(\s*(-?[0-9.eE+]+)\s+\"([^\"]*)\")");
     std::map<uint64_t, RefMessage> out;
     std::istringstream in(text);
     std::string line;
     RefMessage* cur = nullptr;
-    std::smatch m;
     while (std::getline(in, line)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (std::regex_search(line, m, bo)) {
-            RefMessage& msg = out[std::stoull(m[1])];
-            msg.id = std::stoull(m[1]);
-            msg.name = m[2];
-            msg.dlc = static_cast<uint32_t>(std::stoul(m[3]));
-            cur = &msg;
-        } else if (cur && std::regex_search(line, m, sg)) {
-            RefSignal s;
-            s.name = m[1];
-            s.mux = m[2];
-            s.startBit = static_cast<uint32_t>(std::stoul(m[3]));
-            s.length = static_cast<uint32_t>(std::stoul(m[4]));
-            s.motorola = m[5] == "0";
-            s.isSigned = m[6] == "-";
-            s.factor = strtod(m[7].str().c_str(), nullptr);
-            s.offset = strtod(m[8].str().c_str(), nullptr);
-            s.minimum = strtod(m[9].str().c_str(), nullptr);
-            s.maximum = strtod(m[10].str().c_str(), nullptr);
-            s.unit = m[11];
-            cur->signals.push_back(s);
-        } else if (std::regex_search(line, m, vt) || std::regex_search(line, m, val)) {
-            cur = nullptr;
-            auto it = out.find(std::stoull(m[1]));
-            if (it == out.end()) continue;
-            for (RefSignal& s : it->second.signals) {
-                if (s.name != m[2]) continue;
-                if (line.compare(0, 4, "VAL_") != 0) {
-                    s.valueType = std::stoi(m[3]);
-                    continue;
-                }
-                std::string rest = m[3];
-                for (std::sregex_iterator p(rest.begin(), rest.end(), pair), e; p != e; ++p)
-                    s.values.emplace_back(strtod((*p)[1].str().c_str(), nullptr), (*p)[2]);
-            }
-        } else if (line.compare(0, 1, " ") != 0 && line.compare(0, 1, "\t") != 0) {
+        const char* p = line.c_str();
+        unsigned long long id = 0;
+        unsigned dlc = 0;
+        char name[256];
+        int used = 0;
+        RefSignal sig;
+        if (sscanf(p, "BO_ %llu %255[^: ] : %u", &id, name, &dlc) == 3) {
+            cur = &out[id];
+            cur->id = id;
+            cur->name = name;
+            cur->dlc = dlc;
+        } else if (cur && (*p == ' ' || *p == '\t') && ParseSignalLine(SkipBlanks(p), sig)) {
+            cur->signals.push_back(sig);
+        } else if (sscanf(p, "SIG_VALTYPE_ %llu %255[^: ] : %d", &id, name, &dlc) == 3) {
+            if (RefSignal* s = FindRefSignal(out, id, name)) s->valueType = static_cast<int>(dlc);
+        } else if (sscanf(p, "VAL_ %llu %255s%n", &id, name, &used) == 2) {
+            if (RefSignal* s = FindRefSignal(out, id, name)) ParseValuePairs(p + used, *s);
+        } else if (*p != ' ' && *p != '\t') {
             cur = nullptr;
         }
     }

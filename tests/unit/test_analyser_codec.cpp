@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "analyser_test_util.h"
@@ -302,6 +303,34 @@ TEST_F(Codec, DegenerateInputsAreRefused) {
     VCI_CAN_OBJ unknown = Frame(0x555, false, data);
     EXPECT_FALSE(a.Decode(out.get(), &unknown, 1, false));
     EXPECT_EQ(out->size, 55u);
+}
+
+// Decodes on separate instances from several threads share no scratch state.
+TEST(ConcurrentDecode, InstancesOnDifferentThreadsDoNotInterfere) {
+    std::string text = std::string(kDb) + atest::kJ1939Footer;
+    RefMessage ref = atest::ReadReference(kDb)[291];
+    auto worker = [&](unsigned seed, bool& ok) {
+        CAnalyser a;
+        ok = LoadText(a, text);
+        std::mt19937_64 rng(seed);
+        auto out = NewMessage();
+        for (int i = 0; ok && i < 300; ++i) {
+            uint8_t data[8];
+            for (uint8_t& b : data) b = static_cast<uint8_t>(rng());
+            VCI_CAN_OBJ f = Frame(291, false, data);
+            ok = a.Decode(out.get(), &f, 1, false) && out->signalCount == ref.signals.size();
+            for (uint32_t k = 0; ok && k < out->signalCount; ++k)
+                ok = out->signals[k].rawValue ==
+                     atest::RefExtract(data, *atest::FindRef(ref, out->signals[k].name));
+        }
+    };
+    bool ok1 = false, ok2 = false;
+    std::thread t1(worker, 1u, std::ref(ok1));
+    std::thread t2(worker, 2u, std::ref(ok2));
+    t1.join();
+    t2.join();
+    EXPECT_TRUE(ok1);
+    EXPECT_TRUE(ok2);
 }
 
 // --- multiplexing ------------------------------------------------------------
