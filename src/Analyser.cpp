@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "common/func.h"
@@ -130,7 +129,7 @@ void CAnalyser::TranslateMsg(const Message& msg, DBCMessage& out) {
         CollectAttr(out, msg);
         FillSignals(msg, out);
         SortMessageSignals(out);
-    } catch (const std::exception&) {
+    } catch (...) {
         LogFailure("TranslateMsg", static_cast<uint32_t>(msg.id));
     }
 }
@@ -253,7 +252,7 @@ void CAnalyser::GetValDescPair(uint32_t id, const char* signal, ValDescPair* pai
     if (!sig || !pairs) return;
     for (const ValPair& pair : sig->valueDescs) {
         pairs->value = pair.value;
-        strcpy2_s(pairs->desc, kNameBound, pair.desc.c_str());
+        strcpy2_s(pairs->desc, TARN_VALDESC_LEN - 1, pair.desc.c_str());
         ++pairs;
     }
 }
