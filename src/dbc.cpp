@@ -142,6 +142,7 @@ DBCImpl::~DBCImpl() {
 void DBCImpl::ReleaseModel() {
     for (auto& entry : m_messages) delete entry.second;
     m_messages.clear();
+    m_msgById.clear();
     for (auto& entry : m_nodes) delete entry.second;
     m_nodes.clear();
     for (auto& entry : m_attrDefs) delete entry.second;
@@ -162,8 +163,8 @@ void DBCImpl::RebuildNameIndex() {
 }
 
 Message* DBCImpl::FindMsg(uint64_t id) const {
-    auto it = m_messages.find(id);
-    return it == m_messages.end() ? nullptr : it->second;
+    auto it = m_msgById.find(id);
+    return it == m_msgById.end() ? nullptr : it->second;
 }
 
 Message* DBCImpl::FindMsg(const std::string& id) const {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "dbc.h"
@@ -236,4 +237,7 @@ class DBCImpl {
     const char* m_empty;    // interned ""
     std::string m_scratch;  // reused window for numeric scans
     std::string m_defBuf;   // reused compact signal definition
+    // Hashed view of m_messages: the comment, value and attribute sections
+    // look a message up per line.
+    std::unordered_map<uint64_t, Message*> m_msgById;
 };

@@ -36,7 +36,8 @@ bool DBCImpl::ParseBO() {
             LogLine("BO_ id not unique : ", idWord.c_str());
             return false;
         }
-        Message* kept = msg.release();
+        Message* kept = msg.release();  // owned by m_messages from here on
+        m_msgById.emplace(id, kept);
         if (m_ordered) m_msgList.push_back(kept);
         return true;
     } catch (...) {
