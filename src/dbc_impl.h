@@ -135,7 +135,6 @@ class DBCImpl {
     void SetListener(IDBCListener* listener) { m_listener = listener; }
     IDBCListener* GetListener() const { return m_listener; }
     void SetOrdered(bool ordered) { m_ordered = ordered; }
-    bool IsOrdered() const { return m_ordered; }
     bool IsMerge() const { return m_merge; }
     uint32_t Line() const { return m_line; }
 
@@ -169,7 +168,6 @@ class DBCImpl {
     void DropRollback();
     size_t MarkDepth() const { return m_marks.size(); }
     char CurrentChar() const { return m_char; }
-    const char* Cursor() const { return m_cursor; }
 
     // Section parsers, called after their keyword has been consumed.
     bool ParseNS();
