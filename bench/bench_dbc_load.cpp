@@ -338,11 +338,40 @@ void BM_LoadContentGenerated(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 
+// One message whose switch is followed by N multiplexed signals, each with
+// its own value: the cost per signal should not grow with N.
+void BM_LoadContentWideMultiplexed(benchmark::State& state) {
+    Quiet();
+    // The node line interns the signal names first, so the switch's name
+    // sorts after them, as happens when names were seen earlier in a file.
+    std::string nodes = "BU_:", body;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        std::string n = std::to_string(i);
+        nodes += " Sig" + n;
+        body += " SG_ Sig" + n + " m" + n + " : 8|8@1+ (1,0) [0|255] \"\" X\n";
+    }
+    std::string text =
+        nodes + "\nBO_ 100 Wide: 8 ECU\n SG_ Switch M : 0|8@1+ (1,0) [0|255] \"\" X\n" + body;
+    for (auto _ : state) {
+        auto db = std::make_unique<DBC>();
+        benchmark::DoNotOptimize(db->LoadContent(text));
+        state.PauseTiming();
+        db.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 }  // namespace
 
 BENCHMARK(BM_LoadLargestCorpusFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadGeneratedFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadContentGenerated)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadContentWideMultiplexed)
+    ->Arg(250)
+    ->Arg(1000)
+    ->Arg(4000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LoadMemoryGeneratedFile)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 BENCHMARK_MAIN();
