@@ -129,9 +129,9 @@ void CheckDecodedMessage(CAnalyser& a, const RefMessage& ref, std::mt19937& rng,
     }
 }
 
-class CorpusDecode : public ::testing::TestWithParam<const char*> {};
+class AnalyserCorpusDecode : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(CorpusDecode, EverySignalMatchesTheReferenceExtraction) {
+TEST_P(AnalyserCorpusDecode, EverySignalMatchesTheReferenceExtraction) {
     std::string path = atest::CorpusPath(GetParam());
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     auto refs = atest::ReadReference(atest::ReadAll(path));
@@ -157,7 +157,7 @@ TEST_P(CorpusDecode, EverySignalMatchesTheReferenceExtraction) {
     EXPECT_GT(stats.slots, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, CorpusDecode,
+INSTANTIATE_TEST_SUITE_P(Files, AnalyserCorpusDecode,
                          ::testing::Values("cantools__multiplex_2.dbc", "can-dbc__j1939.dbc",
                                            "cantools__abs.dbc", "cantools__multiplex_choices.dbc",
                                            "canmatrix__test_frame_decoding.dbc",
@@ -215,7 +215,7 @@ std::string LongDescTable() {
     return "VAL_ 294 Long 7 \"" + std::string(200, 'd') + "\" ;\n";
 }
 
-class Codec : public ::testing::Test {
+class AnalyserCodec : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(LoadText(a, std::string(kDb) + LongDescTable() + atest::kJ1939Footer));
@@ -226,7 +226,7 @@ class Codec : public ::testing::Test {
     CAnalyser a;
 };
 
-TEST_F(Codec, SingleFramesDecodeToTheReferenceRawValues) {
+TEST_F(AnalyserCodec, SingleFramesDecodeToTheReferenceRawValues) {
     RefMessage ref = Ref(291);
     std::mt19937_64 rng(3);
     auto out = NewMessage();
@@ -249,7 +249,7 @@ TEST_F(Codec, SingleFramesDecodeToTheReferenceRawValues) {
     }
 }
 
-TEST_F(Codec, MultiFrameSequencesDecodeAndReportTheReceivedId) {
+TEST_F(AnalyserCodec, MultiFrameSequencesDecodeAndReportTheReceivedId) {
     RefMessage ref = Ref(2566844672u);
     uint8_t payload[21];
     for (int i = 0; i < 21; ++i) payload[i] = static_cast<uint8_t>(i * 37 + 5);
@@ -278,7 +278,7 @@ TEST_F(Codec, MultiFrameSequencesDecodeAndReportTheReceivedId) {
 // Only the first frame's flag counts: the ids of all copies are marked as
 // extended or none is. Under J1939 an extended 0x700 has group 0, so the
 // 11-bit message 0x700 is found only when the first frame is standard.
-TEST_F(Codec, FirstFrameDecidesTheIdentifierKind) {
+TEST_F(AnalyserCodec, FirstFrameDecidesTheIdentifierKind) {
     std::vector<VCI_CAN_OBJ> frames;
     for (uint8_t k = 1; k <= 2; ++k) {
         uint8_t data[8] = {k, 1, 2, 3, 4, 5, 6, 7};
@@ -292,7 +292,7 @@ TEST_F(Codec, FirstFrameDecidesTheIdentifierKind) {
     EXPECT_FALSE(a.Decode(out.get(), frames.data(), 2, false));
 }
 
-TEST_F(Codec, DegenerateInputsAreRefused) {
+TEST_F(AnalyserCodec, DegenerateInputsAreRefused) {
     uint8_t data[8] = {};
     VCI_CAN_OBJ f = Frame(291, false, data);
     auto out = NewMessage();
@@ -306,7 +306,7 @@ TEST_F(Codec, DegenerateInputsAreRefused) {
 }
 
 // Decodes on separate instances from several threads share no scratch state.
-TEST(ConcurrentDecode, InstancesOnDifferentThreadsDoNotInterfere) {
+TEST(AnalyserConcurrentDecode, InstancesOnDifferentThreadsDoNotInterfere) {
     std::string text = std::string(kDb) + atest::kJ1939Footer;
     RefMessage ref = atest::ReadReference(kDb)[291];
     auto worker = [&](unsigned seed, bool& ok) {
@@ -341,9 +341,9 @@ struct MuxCase {
     std::vector<std::string> kept;  // in slot order
 };
 
-class Multiplexing : public Codec, public ::testing::WithParamInterface<MuxCase> {};
+class AnalyserMultiplexing : public AnalyserCodec, public ::testing::WithParamInterface<MuxCase> {};
 
-TEST_P(Multiplexing, SwitchValueSelectsSignals) {
+TEST_P(AnalyserMultiplexing, SwitchValueSelectsSignals) {
     const MuxCase& c = GetParam();
     RefMessage ref = Ref(c.id);
     uint8_t data[8];
@@ -357,7 +357,7 @@ TEST_P(Multiplexing, SwitchValueSelectsSignals) {
     EXPECT_EQ(names, c.kept);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, Multiplexing,
+INSTANTIATE_TEST_SUITE_P(Values, AnalyserMultiplexing,
                          ::testing::Values(MuxCase{292, 3, {"Plain", "Sw", "B3", "C3"}},
                                            MuxCase{292, 2, {"Plain", "Sw", "A2", "D2"}},
                                            MuxCase{292, 65539, {"Plain", "Sw", "B3", "C3"}},
@@ -366,7 +366,7 @@ INSTANTIATE_TEST_SUITE_P(Values, Multiplexing,
                                            MuxCase{293, 8, {"Sw", "X4"}},
                                            MuxCase{293, 9, {"Sw", "X4"}}));
 
-TEST(Select, KeepsOrderAndLeavesTheTailAlone) {
+TEST(AnalyserSelect, KeepsOrderAndLeavesTheTailAlone) {
     auto msg = NewMessage();
     const uint8_t types[] = {1, 0, 2, 1, 1, 1};
     const uint32_t values[] = {5, 0, 0, 4, 5, 4};
@@ -393,7 +393,7 @@ TEST(Select, KeepsOrderAndLeavesTheTailAlone) {
     EXPECT_EQ(msg->signals[6].startBit, 66u);
 }
 
-TEST(Select, SwitchValueIsTheTruncatedPhysicalLow16Bits) {
+TEST(AnalyserSelect, SwitchValueIsTheTruncatedPhysicalLow16Bits) {
     struct Case {
         uint64_t raw;
         uint8_t isSigned;
@@ -430,12 +430,13 @@ struct DescCase {
     std::string desc;
 };
 
-class Descriptions : public Codec, public ::testing::WithParamInterface<DescCase> {};
+class AnalyserDescriptions : public AnalyserCodec,
+                             public ::testing::WithParamInterface<DescCase> {};
 
 // The decoded value is read back from its text and compared with the table:
 // for a scaled signal that is the physical value, for a negative signed one
 // its negative value (raw 0xFF of Neg reads -1, which the table lacks).
-TEST_P(Descriptions, DecodedValueIsLookedUpInTheTable) {
+TEST_P(AnalyserDescriptions, DecodedValueIsLookedUpInTheTable) {
     const DescCase& c = GetParam();
     RefMessage ref = Ref(c.id);
     uint8_t data[8] = {};
@@ -455,7 +456,7 @@ TEST_P(Descriptions, DecodedValueIsLookedUpInTheTable) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, Descriptions,
+    Cases, AnalyserDescriptions,
     ::testing::Values(DescCase{294, "Plain", 2, "Two"}, DescCase{294, "Plain", 3, ""},
                       DescCase{294, "Scaled", 2, "Four"}, DescCase{294, "Scaled", 1, "Two"},
                       DescCase{294, "Neg", 0xFF, ""}, DescCase{294, "Neg", 1, "One"},
@@ -477,7 +478,7 @@ std::unique_ptr<DBCMessage> RecordNamed(CAnalyser& a, const char* name) {
     return msg;
 }
 
-TEST_F(Codec, EncodedPayloadEqualsTheReferencePackingAndDecodesBack) {
+TEST_F(AnalyserCodec, EncodedPayloadEqualsTheReferencePackingAndDecodesBack) {
     RefMessage ref = Ref(291);
     auto msg = RecordNamed(a, "Mixed");
     std::mt19937_64 rng(5);
@@ -502,7 +503,7 @@ TEST_F(Codec, EncodedPayloadEqualsTheReferencePackingAndDecodesBack) {
     }
 }
 
-TEST_F(Codec, LongMessagesEncodeIntoSequencedPacketsAndDecodeBack) {
+TEST_F(AnalyserCodec, LongMessagesEncodeIntoSequencedPacketsAndDecodeBack) {
     auto msg = RecordNamed(a, "Long");
     for (uint32_t i = 0; i < msg->signalCount; ++i) msg->signals[i].rawValue = 0xABCDEF >> i;
     std::vector<VCI_CAN_OBJ> frames;
@@ -518,7 +519,7 @@ TEST_F(Codec, LongMessagesEncodeIntoSequencedPacketsAndDecodeBack) {
                   msg->signals[i].rawValue & Mask(msg->signals[i].length));
 }
 
-TEST_F(Codec, UnselectedMultiplexedSignalsAreNotEncoded) {
+TEST_F(AnalyserCodec, UnselectedMultiplexedSignalsAreNotEncoded) {
     RefMessage ref = Ref(292);
     auto msg = RecordNamed(a, "Muxed");
     for (uint32_t i = 0; i < msg->signalCount; ++i)
@@ -534,7 +535,7 @@ TEST_F(Codec, UnselectedMultiplexedSignalsAreNotEncoded) {
     EXPECT_EQ(msg->signalCount, 6u) << "the caller's record is not changed";
 }
 
-TEST_F(Codec, EncodeFindsTheMessageByNameOnly) {
+TEST_F(AnalyserCodec, EncodeFindsTheMessageByNameOnly) {
     auto msg = RecordNamed(a, "Mixed");
     std::vector<VCI_CAN_OBJ> frames(2);
     snprintf(msg->name, sizeof msg->name, "NoSuchMessage");
@@ -549,7 +550,7 @@ TEST_F(Codec, EncodeFindsTheMessageByNameOnly) {
 
 // Real messages: whatever raw values the record holds, the frame is exactly
 // what the reference packer makes of them.
-TEST(CorpusEncode, PayloadsMatchTheReferencePacker) {
+TEST(AnalyserCorpusEncode, PayloadsMatchTheReferencePacker) {
     std::string path = atest::CorpusPath("opendbc__toyota_nodsu_pt_generated.dbc");
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     auto refs = atest::ReadReference(atest::ReadAll(path));
@@ -606,9 +607,9 @@ struct ActualCase {
     uint64_t rawAfter;
 };
 
-class Actual : public ::testing::TestWithParam<ActualCase> {};
+class AnalyserActual : public ::testing::TestWithParam<ActualCase> {};
 
-TEST_P(Actual, ScalesTheMaskedRawValue) {
+TEST_P(AnalyserActual, ScalesTheMaskedRawValue) {
     const ActualCase& c = GetParam();
     uint64_t raw = c.raw;
     EXPECT_EQ(CalcActualValue(&c.sig, &raw), c.expected);
@@ -628,7 +629,7 @@ uint64_t DoubleBits(double d) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Table, Actual,
+    Table, AnalyserActual,
     ::testing::Values(ActualCase{Sig(4, 1, 0.5, 10), 0xF, 9.5, 0xF},
                       ActualCase{Sig(4, 0, 0.5, 10), 0xF, 17.5, 0xF},
                       ActualCase{Sig(4, 1, 1, 0), 0xFE, -2, 0xE},
@@ -647,9 +648,9 @@ struct RawCase {
     double writtenBack;
 };
 
-class Raw : public ::testing::TestWithParam<RawCase> {};
+class AnalyserRaw : public ::testing::TestWithParam<RawCase> {};
 
-TEST_P(Raw, ClampsRoundsDownAndWritesBackWhatTheRawMeans) {
+TEST_P(AnalyserRaw, ClampsRoundsDownAndWritesBackWhatTheRawMeans) {
     const RawCase& c = GetParam();
     double p = c.physical;
     EXPECT_EQ(CalcRawValue(&c.sig, &p), c.raw);
@@ -657,7 +658,7 @@ TEST_P(Raw, ClampsRoundsDownAndWritesBackWhatTheRawMeans) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Table, Raw,
+    Table, AnalyserRaw,
     ::testing::Values(
         RawCase{Sig(8, 0, 1, 0), 300, 255, 255}, RawCase{Sig(8, 0, 1, 0), -5, 0, 0},
         RawCase{Sig(8, 0, 1, 0), 2.99999995, 3, 3}, RawCase{Sig(8, 0, 1, 0), 2.5, 2, 2},
@@ -671,7 +672,7 @@ INSTANTIATE_TEST_SUITE_P(
         RawCase{Sig(32, 0, 2, 1, 1), 4.0, FloatBits(1.5f), 4.0},
         RawCase{Sig(64, 0, 0.5, -1, 2), 4.0, DoubleBits(10.0), 4.0}));
 
-TEST(Conversion, NullPointersGiveZero) {
+TEST(AnalyserConversion, NullPointersGiveZero) {
     DBCSignal s = Sig(8, 0, 1, 0);
     uint64_t raw = 5;
     double p = 5;
@@ -685,7 +686,7 @@ TEST(Conversion, NullPointersGiveZero) {
 // For in-range physical values the raw value lands within one factor step,
 // the written-back value is exactly what that raw value means, and the raw
 // value fits the signal's width.
-TEST(Conversion, RawThenActualStaysWithinOneStep) {
+TEST(AnalyserConversion, RawThenActualStaysWithinOneStep) {
     std::mt19937_64 rng(1);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     const double factors[] = {1, 0.5, 0.1, 0.125, 2, 0.001, 3.3, -0.25};

@@ -75,9 +75,9 @@ void ExpectSorted(const DBCMessage& m) {
 
 // --- every message of real files against the text --------------------------
 
-class CorpusTranslate : public ::testing::TestWithParam<const char*> {};
+class AnalyserCorpusTranslate : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(CorpusTranslate, RecordsMatchTheDbcText) {
+TEST_P(AnalyserCorpusTranslate, RecordsMatchTheDbcText) {
     std::string path = atest::CorpusPath(GetParam());
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     auto refs = atest::ReadReference(atest::ReadAll(path));
@@ -109,7 +109,7 @@ TEST_P(CorpusTranslate, RecordsMatchTheDbcText) {
     EXPECT_EQ(visited, refs.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, CorpusTranslate,
+INSTANTIATE_TEST_SUITE_P(Files, AnalyserCorpusTranslate,
                          ::testing::Values("cantools__multiplex_2.dbc", "can-dbc__j1939.dbc",
                                            "cantools__abs.dbc", "cantools__floating_point.dbc",
                                            "canmatrix__test_frame_decoding.dbc",
@@ -129,7 +129,7 @@ std::string SignalLine(const std::string& name, uint32_t start, uint32_t length,
            std::to_string(length) + "@1+ (1,0) [0|0] \"\" Node\n";
 }
 
-TEST(Translate, ThreeHundredSignalsKeepTheFirst256Sorted) {
+TEST(AnalyserTranslate, ThreeHundredSignalsKeepTheFirst256Sorted) {
     std::string lines;
     // Defined with falling start bits, so sorting reverses the file order.
     for (int k = 0; k < 300; ++k) lines += SignalLine("s" + std::to_string(k), 299 - k, 1);
@@ -144,7 +144,7 @@ TEST(Translate, ThreeHundredSignalsKeepTheFirst256Sorted) {
     }
 }
 
-TEST(Translate, EqualStartBitsComeOutShorterFirst) {
+TEST(AnalyserTranslate, EqualStartBitsComeOutShorterFirst) {
     CAnalyser a;
     ASSERT_TRUE(LoadText(a, MessageWith(SignalLine("wide", 8, 8) + SignalLine("mid", 8, 4) +
                                         SignalLine("low", 0, 8) + SignalLine("thin", 8, 2))));
@@ -155,7 +155,7 @@ TEST(Translate, EqualStartBitsComeOutShorterFirst) {
     for (int i = 0; i < 4; ++i) EXPECT_STREQ(out->signals[i].name, expected[i]);
 }
 
-TEST(Translate, SortIsAPermutationOrderedByStartThenLength) {
+TEST(AnalyserTranslate, SortIsAPermutationOrderedByStartThenLength) {
     std::mt19937 rng(7);
     auto msg = NewMessage();
     for (int round = 0; round < 20; ++round) {
@@ -178,7 +178,7 @@ TEST(Translate, SortIsAPermutationOrderedByStartThenLength) {
 
 // The slots must end up exactly as sorting the records themselves with the
 // standard introspective sort would leave them, ties included.
-TEST(Translate, SortEqualsSortingTheRecordsThemselves) {
+TEST(AnalyserTranslate, SortEqualsSortingTheRecordsThemselves) {
     std::mt19937 rng(21);
     auto msg = NewMessage();
     auto ref = NewMessage();
@@ -202,7 +202,7 @@ TEST(Translate, SortEqualsSortingTheRecordsThemselves) {
     }
 }
 
-TEST(Translate, CountsOutsideTwoTo256AreNotSorted) {
+TEST(AnalyserTranslate, CountsOutsideTwoTo256AreNotSorted) {
     auto msg = NewMessage();
     msg->signals[0].startBit = 9;
     msg->signals[1].startBit = 1;
@@ -219,9 +219,9 @@ struct MuxCase {
     uint32_t value;
 };
 
-class MuxText : public ::testing::TestWithParam<MuxCase> {};
+class AnalyserMuxText : public ::testing::TestWithParam<MuxCase> {};
 
-TEST_P(MuxText, TypeAndValueFollowTheLetters) {
+TEST_P(AnalyserMuxText, TypeAndValueFollowTheLetters) {
     const MuxCase& c = GetParam();
     CAnalyser a;
     ASSERT_TRUE(
@@ -234,7 +234,7 @@ TEST_P(MuxText, TypeAndValueFollowTheLetters) {
     EXPECT_EQ(out->signals[1].multiplexerValue, c.value);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, MuxText,
+INSTANTIATE_TEST_SUITE_P(Cases, AnalyserMuxText,
                          ::testing::Values(MuxCase{"m12", 1, 12}, MuxCase{"M", 2, 0},
                                            MuxCase{"m3M", 2, 0}, MuxCase{"m0", 1, 0},
                                            MuxCase{"", 0, 0}, MuxCase{"m65536", 1, 65536}));
@@ -247,9 +247,9 @@ struct CycleCase {
     double expected;    // -1: keeps what the record held
 };
 
-class CycleTime : public ::testing::TestWithParam<CycleCase> {};
+class AnalyserCycleTime : public ::testing::TestWithParam<CycleCase> {};
 
-TEST_P(CycleTime, ValueByTypeOrThePreviousOne) {
+TEST_P(AnalyserCycleTime, ValueByTypeOrThePreviousOne) {
     const CycleCase& c = GetParam();
     std::string text =
         "VERSION \"\"\n\nNS_ :\n\nBS_:\n\nBU_: Node\n\n"
@@ -269,13 +269,13 @@ TEST_P(CycleTime, ValueByTypeOrThePreviousOne) {
     EXPECT_EQ(out->cycleTime, c.expected) << "a message without the attribute keeps it";
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, CycleTime,
+INSTANTIATE_TEST_SUITE_P(Types, AnalyserCycleTime,
                          ::testing::Values(CycleCase{"INT 0 65535", "20", 20.0},
                                            CycleCase{"FLOAT 0 1000", "12.5", 12.5},
                                            CycleCase{"STRING", "\"fast\"", -1.0},
                                            CycleCase{"HEX 0 255", "30", -1.0}));
 
-TEST(Translate, CycleTimeOfRealJ1939Messages) {
+TEST(AnalyserTranslate, CycleTimeOfRealJ1939Messages) {
     std::string path = atest::CorpusPath("can-dbc__j1939.dbc");
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     CAnalyser a;
@@ -291,7 +291,7 @@ TEST(Translate, CycleTimeOfRealJ1939Messages) {
 
 // --- header fields and bounded copies ---------------------------------------
 
-TEST(Translate, HeaderFieldsAndSignalSlotsAreRewrittenButNotCleared) {
+TEST(AnalyserTranslate, HeaderFieldsAndSignalSlotsAreRewrittenButNotCleared) {
     CAnalyser a;
     ASSERT_TRUE(
         LoadText(a, "VERSION \"\"\n\nBU_: N\n\nBO_ 2566844672 Big: 8 N\n" + SignalLine("x", 0, 8)));
@@ -314,7 +314,7 @@ struct CopyCase {
     size_t nameLen, commentLen, unitLen;
 };
 
-class BoundedCopy : public ::testing::TestWithParam<CopyCase> {};
+class AnalyserBoundedCopy : public ::testing::TestWithParam<CopyCase> {};
 
 // A source at least as long as the buffer fills it completely, with no
 // terminator; shorter sources are terminated.
@@ -325,7 +325,7 @@ void ExpectBounded(const char* buf, size_t size, const std::string& src) {
     }
 }
 
-TEST_P(BoundedCopy, LongTextsFillTheWholeBuffer) {
+TEST_P(AnalyserBoundedCopy, LongTextsFillTheWholeBuffer) {
     const CopyCase& c = GetParam();
     std::string msgName = "M" + std::string(c.nameLen - 1, 'n');
     std::string sigName = "S" + std::string(c.nameLen - 1, 's');
@@ -345,7 +345,7 @@ TEST_P(BoundedCopy, LongTextsFillTheWholeBuffer) {
     ExpectBounded(out->signals[0].unit, TARN_UNIT_LEN, unit);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, BoundedCopy,
+INSTANTIATE_TEST_SUITE_P(Lengths, AnalyserBoundedCopy,
                          ::testing::Values(CopyCase{126, 199, 9}, CopyCase{127, 200, 10},
                                            CopyCase{128, 201, 11}, CopyCase{130, 250, 15}));
 
@@ -357,9 +357,9 @@ struct IdCase {
     const char* expected;  // nullptr: no match
 };
 
-class IdLookup : public ::testing::TestWithParam<IdCase> {};
+class AnalyserIdLookup : public ::testing::TestWithParam<IdCase> {};
 
-TEST_P(IdLookup, MatchesByProtocolRules) {
+TEST_P(AnalyserIdLookup, MatchesByProtocolRules) {
     const IdCase& c = GetParam();
     std::string text = std::string(atest::kJ1939Header) + "BO_ 2566844672 Pdu2: 8 Node\n" +
                        SignalLine("a", 0, 8) +                                      // 0x98FEF100
@@ -380,7 +380,7 @@ TEST_P(IdLookup, MatchesByProtocolRules) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, IdLookup,
+    Cases, AnalyserIdLookup,
     ::testing::Values(IdCase{0x18FEF1FE, true, "Pdu2"}, IdCase{0x0CFEF100, true, "Pdu2"},
                       IdCase{0x18FEF2FE, true, nullptr}, IdCase{0x18EA00FE, true, "Pdu1"},
                       IdCase{0x18EA3317, true, "Pdu1"}, IdCase{0x98FEF100, true, "Pdu2"},
@@ -388,7 +388,7 @@ INSTANTIATE_TEST_SUITE_P(
                       IdCase{0x98FEF100, false, "Pdu2"}, IdCase{0x18FEF1FE, false, nullptr},
                       IdCase{0x18EA00FE, false, nullptr}, IdCase{0x80000100, false, "Plain"}));
 
-TEST(Lookup, ProtocolSetterSwitchesTheRules) {
+TEST(AnalyserLookup, ProtocolSetterSwitchesTheRules) {
     CAnalyser a;
     ASSERT_TRUE(LoadText(a, std::string(atest::kJ1939Header) + "BO_ 2566844672 Pdu2: 8 Node\n" +
                                 SignalLine("a", 0, 8)));
@@ -404,7 +404,7 @@ TEST(Lookup, ProtocolSetterSwitchesTheRules) {
 // identifier (other priority and source address, other destination for
 // PDU1) and by its PGN; the expected hit is the first message of the
 // ascending list with the same group, computed here from the text.
-TEST(Lookup, RealJ1939MessagesByForeignIdAndPgn) {
+TEST(AnalyserLookup, RealJ1939MessagesByForeignIdAndPgn) {
     std::string path = atest::CorpusPath("can-dbc__j1939.dbc");
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     auto refs = atest::ReadReference(atest::ReadAll(path));
@@ -440,7 +440,7 @@ TEST(Lookup, RealJ1939MessagesByForeignIdAndPgn) {
 
 // --- nodes ------------------------------------------------------------------
 
-TEST(Nodes, RealStationAddressesMatchTheText) {
+TEST(AnalyserNodes, RealStationAddressesMatchTheText) {
     std::string path = atest::CorpusPath("can-dbc__j1939.dbc");
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     std::string text = atest::ReadAll(path);
@@ -483,9 +483,9 @@ struct NodeCase {
     uint32_t address;  // expected when ok
 };
 
-class NodeAttr : public ::testing::TestWithParam<NodeCase> {};
+class AnalyserNodeAttr : public ::testing::TestWithParam<NodeCase> {};
 
-TEST_P(NodeAttr, StationAddressByValueType) {
+TEST_P(AnalyserNodeAttr, StationAddressByValueType) {
     const NodeCase& c = GetParam();
     std::string node(130, 'N');
     std::string attr = std::string("\"") + c.attr + "\"";
@@ -505,7 +505,7 @@ TEST_P(NodeAttr, StationAddressByValueType) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Types, NodeAttr,
+    Types, AnalyserNodeAttr,
     ::testing::Values(NodeCase{"NmStationAddress", "INT 0 255", "42", true, 42},
                       NodeCase{"nmstationaddress", "INT 0 255", "43", true, 43},
                       NodeCase{"NmStationAddress", "FLOAT 0 255", "12.9", true, 12},
@@ -514,7 +514,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- value tables -----------------------------------------------------------
 
-TEST(ValDesc, RealTablesMatchTheText) {
+TEST(AnalyserValDesc, RealTablesMatchTheText) {
     std::string path = atest::CorpusPath("can-dbc__j1939.dbc");
     if (!atest::Exists(path)) GTEST_SKIP() << "corpus not available";
     auto refs = atest::ReadReference(atest::ReadAll(path));
@@ -543,7 +543,7 @@ TEST(ValDesc, RealTablesMatchTheText) {
     EXPECT_GT(tables, 1000u);
 }
 
-TEST(ValDesc, AbsentOrNullNamesGiveNothing) {
+TEST(AnalyserValDesc, AbsentOrNullNamesGiveNothing) {
     CAnalyser a;
     ASSERT_TRUE(
         LoadText(a, MessageWith(SignalLine("a", 0, 8), "VAL_ 291 a 1 \"On\" 0 \"Off\";\n")));
@@ -560,7 +560,7 @@ TEST(ValDesc, AbsentOrNullNamesGiveNothing) {
 
 // --- iteration --------------------------------------------------------------
 
-TEST(Iterate, CursorWalksAscendingIdsOnce) {
+TEST(AnalyserIterate, CursorWalksAscendingIdsOnce) {
     CAnalyser a;
     ASSERT_TRUE(LoadText(a,
                          "VERSION \"\"\n\nBU_: N\n\nBO_ 2147483905 E: 8 N\n\nBO_ 300 B: 8 N\n\n"
@@ -577,7 +577,7 @@ TEST(Iterate, CursorWalksAscendingIdsOnce) {
     EXPECT_EQ(a.GetMessageCount(), 3u);
 }
 
-TEST(Iterate, EmptyDatabaseHasNoFirstMessage) {
+TEST(AnalyserIterate, EmptyDatabaseHasNoFirstMessage) {
     CAnalyser a;
     auto out = NewMessage();
     EXPECT_FALSE(a.GetFirstMessage(out.get()));
