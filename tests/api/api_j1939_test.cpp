@@ -440,6 +440,23 @@ TEST_P(J1939, PeerAbortEndsTheSendQuietly) {
     EXPECT_EQ(rts, 2);
 }
 
+// Release stops the send thread mid-transfer: once it returns, the sender
+// is not called again and nothing is reported.
+TEST_P(J1939, ReleaseMidTransferSilencesTheInstance) {
+    bus->peer().SetScript(Script::TwoAtATime);
+    auto msg = Message(kJ1785Id);
+    FillRandom(*msg, 8);
+    ASSERT_EQ(TARN_Send(a, msg.get(), 0), TARN_SEND_QUEUED);
+    auto tenthPacket = [](const Frame& f) { return IsTpDt(f) && f.data[0] == 10; };
+    ASSERT_TRUE(bus->WaitFromA(tenthPacket, std::chrono::seconds(20))) << bus->Describe();
+    TARN_Release(a);
+    const size_t sent = bus->FromA().size();
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(bus->FromA().size(), sent);
+    EXPECT_TRUE(bus->DoneA().empty());
+    EXPECT_LT(sent, 255u);
+}
+
 TEST_P(J1939, ShortMessagesGoOutAsOneFrame) {
     auto msg = Message(kJShortId);
     const std::vector<uint8_t> payload = FillRandom(*msg, 9);
