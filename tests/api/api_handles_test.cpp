@@ -1,10 +1,11 @@
-// Handle numbering needs a process in which no instance was created before,
-// so this file holds nothing else.
+// Handle numbering and the default frame type need a process in which
+// nothing was done before, so this file holds nothing else.
 #include <gtest/gtest.h>
 
 #include "tarn.h"
 
 TEST(Handles, CountUpFromOneAndAreNeverReused) {
+    EXPECT_EQ(TARN_GetFrameType(), static_cast<uint32_t>(TARN_FRAME_SOCKETCAN));
     EXPECT_EQ(TARN_Init(false, false), 1u);
     EXPECT_EQ(TARN_Init(true, false), 2u);
     EXPECT_EQ(TARN_Init(false, true), 3u);
