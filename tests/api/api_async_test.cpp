@@ -86,7 +86,7 @@ Frame EngineFrame(uint64_t bits) {
     return f;
 }
 
-class Async : public ::testing::TestWithParam<uint32_t> {
+class ApiAsync : public ::testing::TestWithParam<uint32_t> {
   protected:
     void SetUp() override {
         TARN_SetFrameType(GetParam());
@@ -110,7 +110,7 @@ class Async : public ::testing::TestWithParam<uint32_t> {
 
 // Every decodable frame is reported once, in queue order, with its own tag
 // and the values the reference extraction reads from it.
-TEST_P(Async, ReportsInOrderWithTags) {
+TEST_P(ApiAsync, ReportsInOrderWithTags) {
     Rng rng(11);
     std::vector<uint64_t> expectedTags;
     std::vector<uint64_t> expectedSpeed;
@@ -138,7 +138,7 @@ TEST_P(Async, ReportsInOrderWithTags) {
 }
 
 // A full queue drops its oldest frame, never the new one.
-TEST_P(Async, FullQueueDropsTheOldest) {
+TEST_P(ApiAsync, FullQueueDropsTheOldest) {
     constexpr uint64_t kCapacity = 100000;
     constexpr uint64_t kExtra = 5;
     collector.HoldFirst();
@@ -157,7 +157,7 @@ TEST_P(Async, FullQueueDropsTheOldest) {
     }
 }
 
-TEST_P(Async, RejectsWhatCannotBeQueued) {
+TEST_P(ApiAsync, RejectsWhatCannotBeQueued) {
     const WireFrame w = ToWire(EngineFrame(1), GetParam());
     EXPECT_FALSE(TARN_AsyncAnalyse(h, nullptr, 0, 1));
     EXPECT_FALSE(TARN_AsyncAnalyse(h, w.bytes, 2, 1));
@@ -171,7 +171,7 @@ TEST_P(Async, RejectsWhatCannotBeQueued) {
 
 // Release joins the analysis thread: once it returns, no callback runs, even
 // with thousands of frames still queued.
-TEST_P(Async, NoCallbackAfterRelease) {
+TEST_P(ApiAsync, NoCallbackAfterRelease) {
     struct Probe {
         std::atomic<bool> released{false};
         std::atomic<int> calls{0};
@@ -199,7 +199,7 @@ TEST_P(Async, NoCallbackAfterRelease) {
 
 // The callback may not release its own instance (the thread cannot join
 // itself); the call is refused instead of hanging.
-TEST_P(Async, ReleaseFromOwnCallbackIsRefused) {
+TEST_P(ApiAsync, ReleaseFromOwnCallbackIsRefused) {
     struct Ctx {
         uint32_t h;
         std::atomic<bool> returned{false};
@@ -217,9 +217,9 @@ TEST_P(Async, ReleaseFromOwnCallbackIsRefused) {
 }
 
 // FD frames exist only in the SocketCAN layout.
-class AsyncFd : public Async {};
+class ApiAsyncFd : public ApiAsync {};
 
-TEST_P(AsyncFd, FramesAreSplitLikeSynchronousOnes) {
+TEST_P(ApiAsyncFd, FramesAreSplitLikeSynchronousOnes) {
     std::vector<uint8_t> payload(20);
     for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 13 + 1);
     const TarnCanFdFrame fd = MakeFd(kLong20Id, payload);
@@ -240,14 +240,14 @@ TEST_P(AsyncFd, FramesAreSplitLikeSynchronousOnes) {
     EXPECT_EQ(reports[1].name, "Engine");
 }
 
-INSTANTIATE_TEST_SUITE_P(BothLayouts, Async,
+INSTANTIATE_TEST_SUITE_P(BothLayouts, ApiAsync,
                          ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN},
                                            uint32_t{TARN_FRAME_VCI}),
                          [](const ::testing::TestParamInfo<uint32_t>& info) {
                              return info.param == TARN_FRAME_VCI ? "Vci" : "SocketCan";
                          });
 
-INSTANTIATE_TEST_SUITE_P(SocketCan, AsyncFd, ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN}));
+INSTANTIATE_TEST_SUITE_P(SocketCan, ApiAsyncFd, ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN}));
 
 // ---- J1939 transfers observed asynchronously ------------------------------
 
@@ -293,7 +293,7 @@ std::vector<Frame> Session(uint32_t msgId, const std::vector<uint8_t>& payload, 
     return frames;
 }
 
-class AsyncJ1939 : public ::testing::TestWithParam<bool> {
+class ApiAsyncJ1939 : public ::testing::TestWithParam<bool> {
   protected:
     void SetUp() override {
         TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
@@ -311,7 +311,7 @@ class AsyncJ1939 : public ::testing::TestWithParam<bool> {
 
 // The transfer is reported through the asynchronous callback with the tag of
 // the frame that completed it, and not through the transfer-done callback.
-TEST_P(AsyncJ1939, TransferCarriesTheCompletingFramesTag) {
+TEST_P(ApiAsyncJ1939, TransferCarriesTheCompletingFramesTag) {
     const bool broadcast = GetParam();
     auto msg = NewMessage();
     ASSERT_TRUE(TARN_GetMessageById(h, kJ100Id, msg.get()));
@@ -348,7 +348,7 @@ TEST_P(AsyncJ1939, TransferCarriesTheCompletingFramesTag) {
     EXPECT_EQ(collector.Count(), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sessions, AsyncJ1939, ::testing::Bool(),
+INSTANTIATE_TEST_SUITE_P(Sessions, ApiAsyncJ1939, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? "Broadcast" : "RtsCts";
                          });
@@ -356,7 +356,7 @@ INSTANTIATE_TEST_SUITE_P(Sessions, AsyncJ1939, ::testing::Bool(),
 // Releasing an instance from inside any of its own callbacks would free it
 // under the code that called back; the release is refused and the instance
 // keeps working.
-TEST(ReleaseInCallback, IsRefusedForEveryCallbackKind) {
+TEST(ApiReleaseInCallback, IsRefusedForEveryCallbackKind) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     TempDbc dbc(J1939Dbc());
     struct Ctx {

@@ -30,7 +30,7 @@ const SignalDef kEngineSignals[] = {
     {"Flags", 28, 4, false}, {"Torque", 39, 12, true}, {"Odo", 48, 16, false},
 };
 
-class Frames : public ::testing::TestWithParam<uint32_t> {
+class ApiFrames : public ::testing::TestWithParam<uint32_t> {
   protected:
     void SetUp() override {
         TARN_SetFrameType(layout());
@@ -50,7 +50,7 @@ class Frames : public ::testing::TestWithParam<uint32_t> {
     uint32_t h = 0;
 };
 
-TEST_P(Frames, AnalyseMatchesReferenceExtraction) {
+TEST_P(ApiFrames, AnalyseMatchesReferenceExtraction) {
     auto msg = NewMessage();
     Rng rng(layout() + 1);
     for (int round = 0; round < 200; ++round) {
@@ -71,7 +71,7 @@ TEST_P(Frames, AnalyseMatchesReferenceExtraction) {
     }
 }
 
-TEST_P(Frames, AnalyseFillsValueDescriptionOfDecodedValue) {
+TEST_P(ApiFrames, AnalyseFillsValueDescriptionOfDecodedValue) {
     auto msg = NewMessage();
     const char* expected[] = {"Neutral", "First", "Second", "Third", "", ""};
     for (uint8_t gear = 0; gear < 6; ++gear) {
@@ -86,7 +86,7 @@ TEST_P(Frames, AnalyseFillsValueDescriptionOfDecodedValue) {
 
 // The record reports the received identifier and only the signals that the
 // multiplexer switch selects.
-TEST_P(Frames, AnalyseSelectsMultiplexedSignals) {
+TEST_P(ApiFrames, AnalyseSelectsMultiplexedSignals) {
     auto msg = NewMessage();
     const struct {
         uint8_t mode;
@@ -107,7 +107,7 @@ TEST_P(Frames, AnalyseSelectsMultiplexedSignals) {
     }
 }
 
-TEST_P(Frames, AnalyseRejectsUnknownFramesAndBadArguments) {
+TEST_P(ApiFrames, AnalyseRejectsUnknownFramesAndBadArguments) {
     auto msg = NewMessage();
     Frame f;
     f.id = 0x555;
@@ -138,7 +138,7 @@ std::vector<Frame> Long20Frames(const uint8_t (&payload)[20]) {
     return frames;
 }
 
-TEST_P(Frames, DecodeReassemblesSequenceNumberedFrames) {
+TEST_P(ApiFrames, DecodeReassemblesSequenceNumberedFrames) {
     uint8_t payload[20];
     for (int i = 0; i < 20; ++i) payload[i] = static_cast<uint8_t>(0x11 * (i + 1));
     std::vector<Frame> frames = Long20Frames(payload);
@@ -159,7 +159,7 @@ TEST_P(Frames, DecodeReassemblesSequenceNumberedFrames) {
 
 // Encoding, then decoding what came out, gives back every raw value; the
 // frames match the reference packer byte for byte.
-TEST_P(Frames, EncodeMatchesReferencePackerAndRoundTrips) {
+TEST_P(ApiFrames, EncodeMatchesReferencePackerAndRoundTrips) {
     auto msg = NewMessage();
     auto back = NewMessage();
     ASSERT_TRUE(TARN_GetMessageById(h, kEngineId, msg.get()));
@@ -189,7 +189,7 @@ TEST_P(Frames, EncodeMatchesReferencePackerAndRoundTrips) {
 
 // *count is the capacity going in and the frames written coming out; the
 // result says whether the encoder produced anything at all.
-TEST_P(Frames, EncodeHonoursCapacity) {
+TEST_P(ApiFrames, EncodeHonoursCapacity) {
     auto msg = NewMessage();
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, msg.get()));
     uint8_t payload[20];
@@ -235,14 +235,14 @@ TEST_P(Frames, EncodeHonoursCapacity) {
     EXPECT_FALSE(TARN_Encode(h, out, &count, nullptr));
 }
 
-INSTANTIATE_TEST_SUITE_P(BothLayouts, Frames,
+INSTANTIATE_TEST_SUITE_P(BothLayouts, ApiFrames,
                          ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN},
                                            uint32_t{TARN_FRAME_VCI}),
                          [](const ::testing::TestParamInfo<uint32_t>& info) {
                              return info.param == TARN_FRAME_VCI ? "Vci" : "SocketCan";
                          });
 
-TEST(FrameType, NonZeroReadsBackAsOne) {
+TEST(ApiFrameType, NonZeroReadsBackAsOne) {
     const struct {
         uint32_t set;
         uint32_t got;
@@ -256,7 +256,7 @@ TEST(FrameType, NonZeroReadsBackAsOne) {
 
 // ---- CAN FD (SocketCAN layout only) ---------------------------------------
 
-class Fd : public ::testing::Test {
+class ApiFd : public ::testing::Test {
   protected:
     void SetUp() override {
         TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
@@ -275,7 +275,7 @@ std::vector<uint8_t> Payload(size_t n, uint8_t seed) {
 }
 
 // A 20-byte FD payload is decoded like three sequence-numbered packets.
-TEST_F(Fd, LongPayloadDecodesAsPackets) {
+TEST_F(ApiFd, LongPayloadDecodesAsPackets) {
     const std::vector<uint8_t> payload = Payload(20, 3);
     const TarnCanFdFrame fd = MakeFd(kLong20Id, payload);
     auto msg = NewMessage();
@@ -285,7 +285,7 @@ TEST_F(Fd, LongPayloadDecodesAsPackets) {
     EXPECT_EQ(FindSignal(*msg, "Tail")->rawValue, ExtractBits(payload.data(), 128, 32, false));
 }
 
-TEST_F(Fd, ShortPayloadDecodesAsClassicFrame) {
+TEST_F(ApiFd, ShortPayloadDecodesAsClassicFrame) {
     std::vector<uint8_t> payload = Payload(8, 9);
     const TarnCanFdFrame fd = MakeFd(kEngineId, payload);
     auto msg = NewMessage();
@@ -298,7 +298,7 @@ TEST_F(Fd, ShortPayloadDecodesAsClassicFrame) {
     EXPECT_EQ(FindSignal(*msg, "Odo")->rawValue, 0u);
 }
 
-TEST_F(Fd, OverlongFramesAreRejected) {
+TEST_F(ApiFd, OverlongFramesAreRejected) {
     auto msg = NewMessage();
     for (uint8_t len : {65, 100, 255}) {
         TarnCanFdFrame fd = MakeFd(kLong20Id, Payload(64, 1));
@@ -322,7 +322,7 @@ struct FdCapture {
 
 // Sending as FD packs the encoded packets back into one FD frame, which then
 // decodes to the same values.
-TEST_F(Fd, SendBuildsOneFdFrame) {
+TEST_F(ApiFd, SendBuildsOneFdFrame) {
     auto msg = NewMessage();
     auto back = NewMessage();
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, msg.get()));
@@ -378,7 +378,7 @@ DBCSignal MakeSignal(uint32_t length, bool isSigned, double factor, double offse
     return s;
 }
 
-TEST(Conversion, RawValueClampsRoundsAndWritesBack) {
+TEST(ApiConversion, RawValueClampsRoundsAndWritesBack) {
     const struct {
         DBCSignal sig;
         double physical;
@@ -410,7 +410,7 @@ TEST(Conversion, RawValueClampsRoundsAndWritesBack) {
     EXPECT_EQ(TARN_CalcRawValue(&sig, nullptr), 0u);
 }
 
-TEST(Conversion, FloatingSignalsCarryBitPatterns) {
+TEST(ApiConversion, FloatingSignalsCarryBitPatterns) {
     const DBCSignal f32 = MakeSignal(32, false, 2, 1, TARN_VALUE_FLOAT);
     double physical = 7;  // (7 - 1) / 2 = 3.0f
     const uint64_t raw = TARN_CalcRawValue(&f32, &physical);
@@ -431,7 +431,7 @@ TEST(Conversion, FloatingSignalsCarryBitPatterns) {
     EXPECT_DOUBLE_EQ(TARN_CalcActualValue(&f64, &raw64), -1234.5);
 }
 
-TEST(Conversion, ActualValueSignExtendsAndMasks) {
+TEST(ApiConversion, ActualValueSignExtendsAndMasks) {
     const struct {
         DBCSignal sig;
         uint64_t raw;
@@ -457,7 +457,7 @@ TEST(Conversion, ActualValueSignExtendsAndMasks) {
 
 // Writing back means the pair is a fixed point: converting the written-back
 // physical value again gives the same raw value.
-TEST(Conversion, WrittenBackValueIsStable) {
+TEST(ApiConversion, WrittenBackValueIsStable) {
     Rng rng(42);
     for (int i = 0; i < 2000; ++i) {
         const uint32_t len = 1 + rng.Next() % 32;

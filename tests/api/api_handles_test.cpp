@@ -4,7 +4,7 @@
 
 #include "tarn.h"
 
-TEST(Handles, CountUpFromOneAndAreNeverReused) {
+TEST(ApiHandles, CountUpFromOneAndAreNeverReused) {
     EXPECT_EQ(TARN_GetFrameType(), static_cast<uint32_t>(TARN_FRAME_SOCKETCAN));
     EXPECT_EQ(TARN_Init(false, false), 1u);
     EXPECT_EQ(TARN_Init(true, false), 2u);

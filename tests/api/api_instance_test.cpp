@@ -19,7 +19,7 @@ using namespace apitest;
 
 namespace {
 
-class Instance : public ::testing::Test {
+class ApiInstance : public ::testing::Test {
   protected:
     void SetUp() override {
         TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
@@ -38,7 +38,7 @@ class Instance : public ::testing::Test {
 // Every handle-taking entry point, called with a handle that was never given
 // out and with one that was released, returns its "none" result and leaves
 // the caller's buffers alone.
-TEST(UnknownHandle, EveryEntryPointReturnsItsNoneResult) {
+TEST(ApiUnknownHandle, EveryEntryPointReturnsItsNoneResult) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     const uint32_t released = TARN_Init(true, false);
     TARN_Release(released);
@@ -130,7 +130,7 @@ TEST(UnknownHandle, EveryEntryPointReturnsItsNoneResult) {
     EXPECT_EQ(reinterpret_cast<const uint8_t*>(pairs)[0], 0x5A);
 }
 
-TEST_F(Instance, LoadRejectsMissingFileAndUnterminatedPath) {
+TEST_F(ApiInstance, LoadRejectsMissingFileAndUnterminatedPath) {
     EXPECT_FALSE(TARN_LoadFile(h, nullptr));
     const FileInfo missing = MakeFileInfo("/nonexistent/dir/none.dbc");
     EXPECT_FALSE(TARN_LoadFile(h, &missing));
@@ -140,7 +140,7 @@ TEST_F(Instance, LoadRejectsMissingFileAndUnterminatedPath) {
     EXPECT_EQ(TARN_GetMessageCount(h), 0u);
 }
 
-TEST_F(Instance, IteratesMessagesAscendingById) {
+TEST_F(ApiInstance, IteratesMessagesAscendingById) {
     LoadSmall();
     ASSERT_EQ(TARN_GetMessageCount(h), 3u);
     auto msg = NewMessage();
@@ -154,7 +154,7 @@ TEST_F(Instance, IteratesMessagesAscendingById) {
     EXPECT_FALSE(TARN_GetNextMessage(h, nullptr));
 }
 
-TEST_F(Instance, TranslatesMessageRecord) {
+TEST_F(ApiInstance, TranslatesMessageRecord) {
     LoadSmall();
     auto msg = NewMessage();
     ASSERT_TRUE(TARN_GetMessageById(h, kEngineId, msg.get()));
@@ -188,7 +188,7 @@ TEST_F(Instance, TranslatesMessageRecord) {
     EXPECT_FALSE(TARN_GetMessageById(h, 0x7FF, msg.get()));
 }
 
-TEST_F(Instance, ValueTablesAreCopiedInOrder) {
+TEST_F(ApiInstance, ValueTablesAreCopiedInOrder) {
     LoadSmall();
     ASSERT_EQ(TARN_GetValDescPairCount(h, kEngineId, "Gear"), 4u);
     EXPECT_EQ(TARN_GetValDescPairCount(h, kEngineId, "Speed"), 0u);
@@ -208,7 +208,7 @@ TEST_F(Instance, ValueTablesAreCopiedInOrder) {
     EXPECT_EQ(reinterpret_cast<const uint8_t*>(&pairs[4])[0], 0x5A);  // nothing past the count
 }
 
-TEST_F(Instance, NodesCarryStationAddresses) {
+TEST_F(ApiInstance, NodesCarryStationAddresses) {
     LoadSmall();
     const uint32_t count = TARN_GetNetworkNodeCount(h);
     ASSERT_EQ(count, 3u);
@@ -232,7 +232,7 @@ TEST_F(Instance, NodesCarryStationAddresses) {
 
 // The protocol travels as one byte: only its low eight bits count, and any
 // value but J1939 reads back as 1.
-TEST_F(Instance, ProtocolTakesTheLowByte) {
+TEST_F(ApiInstance, ProtocolTakesTheLowByte) {
     LoadSmall();
     EXPECT_EQ(TARN_GetProtocol(h), 1u);  // the database declares none
     auto setWide = [&](unsigned value) { TARN_SetProtocol(h, static_cast<uint8_t>(value)); };
@@ -248,7 +248,7 @@ TEST_F(Instance, ProtocolTakesTheLowByte) {
 
 // Under J1939 rules lookups ignore priority and source address, and the
 // destination byte of PDU1 groups; otherwise only bit 31 is ignored.
-TEST_F(Instance, LookupByIdFollowsTheProtocol) {
+TEST_F(ApiInstance, LookupByIdFollowsTheProtocol) {
     LoadSmall();
     auto msg = NewMessage();
     const struct {
@@ -271,7 +271,7 @@ TEST_F(Instance, LookupByIdFollowsTheProtocol) {
     }
 }
 
-TEST_F(Instance, MergeKeepsEarlierMessages) {
+TEST_F(ApiInstance, MergeKeepsEarlierMessages) {
     LoadSmall();
     TempDbc extra(
         "VERSION \"\"\n\nBU_: X\n\nBO_ 5 Extra: 1 X\n SG_ Bit : 0|1@1+ (1,0) [0|1] \"\" X\n");
@@ -300,12 +300,12 @@ std::set<uint64_t> ScanMessageIds(const std::string& path) {
     return ids;
 }
 
-class Corpus : public ::testing::TestWithParam<const char*> {
+class ApiCorpus : public ::testing::TestWithParam<const char*> {
   protected:
     void SetUp() override { TARN_SetFrameType(TARN_FRAME_SOCKETCAN); }
 };
 
-TEST_P(Corpus, EveryMessageIsListedAndFoundAgain) {
+TEST_P(ApiCorpus, EveryMessageIsListedAndFoundAgain) {
     const std::string path = CorpusFile(GetParam());
     if (path.empty()) GTEST_SKIP() << "corpus file absent: " << GetParam();
     const uint32_t h = TARN_Init(true, false);
@@ -328,14 +328,14 @@ TEST_P(Corpus, EveryMessageIsListedAndFoundAgain) {
     TARN_Release(h);
 }
 
-INSTANTIATE_TEST_SUITE_P(RealFiles, Corpus,
+INSTANTIATE_TEST_SUITE_P(RealFiles, ApiCorpus,
                          ::testing::Values("can-dbc__sample.dbc", "can-go__example.dbc",
                                            "cantools__abs.dbc", "SavvyCAN__ThinkCity.dbc",
                                            "canmatrix__test_frame_decoding.dbc",
                                            "cantools__floating_point.dbc", "canmatrix__testfd.dbc",
                                            "JiapengLi-dbc__libobdii.dbc", "canmatrix__j1939.dbc"));
 
-TEST(CorpusJ1939, DeclaredProtocolSwitchesLookupRules) {
+TEST(ApiCorpusJ1939, DeclaredProtocolSwitchesLookupRules) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     const std::string path = CorpusFile("can-dbc__j1939.dbc");
     if (path.empty()) GTEST_SKIP() << "corpus absent";

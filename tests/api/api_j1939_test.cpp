@@ -298,7 +298,7 @@ std::vector<uint8_t> FillRandom(DBCMessage& msg, uint64_t seed) {
     return payload;
 }
 
-class J1939 : public ::testing::TestWithParam<uint32_t> {
+class ApiJ1939 : public ::testing::TestWithParam<uint32_t> {
   protected:
     void SetUp() override {
         TARN_SetFrameType(GetParam());
@@ -339,7 +339,7 @@ std::vector<uint64_t> RawValues(const DBCMessage& msg) {
 
 // Each message size under each clear-to-send pattern: both ends report the
 // exact payload, and B decodes the same signal values that A sent.
-TEST_P(J1939, TransfersCompleteOnBothEnds) {
+TEST_P(ApiJ1939, TransfersCompleteOnBothEnds) {
     const struct {
         uint32_t id;
         Script script;
@@ -377,7 +377,7 @@ TEST_P(J1939, TransfersCompleteOnBothEnds) {
     }
 }
 
-TEST_P(J1939, GrantCoversOnlyThePacketsItNames) {
+TEST_P(ApiJ1939, GrantCoversOnlyThePacketsItNames) {
     bus->peer().SetScript(Script::TwoAtATime);
     auto msg = Message(kJ100Id);
     FillRandom(*msg, 5);
@@ -392,7 +392,7 @@ TEST_P(J1939, GrantCoversOnlyThePacketsItNames) {
     EXPECT_EQ(order, expected);  // each packet exactly once, in order
 }
 
-TEST_P(J1939, SilentPeerGetsAnAbortAfterTheWait) {
+TEST_P(ApiJ1939, SilentPeerGetsAnAbortAfterTheWait) {
     bus->peer().SetScript(Script::Silent);
     auto msg = Message(kJ9Id);
     FillRandom(*msg, 1);
@@ -413,7 +413,7 @@ TEST_P(J1939, SilentPeerGetsAnAbortAfterTheWait) {
     EXPECT_TRUE(bus->DoneB().empty());
 }
 
-TEST_P(J1939, PeerAbortEndsTheSendQuietly) {
+TEST_P(ApiJ1939, PeerAbortEndsTheSendQuietly) {
     bus->peer().SetScript(Script::AbortRts);
     auto first = Message(kJ100Id);
     FillRandom(*first, 2);
@@ -442,7 +442,7 @@ TEST_P(J1939, PeerAbortEndsTheSendQuietly) {
 
 // Release stops the send thread mid-transfer: once it returns, the sender
 // is not called again and nothing is reported.
-TEST_P(J1939, ReleaseMidTransferSilencesTheInstance) {
+TEST_P(ApiJ1939, ReleaseMidTransferSilencesTheInstance) {
     bus->peer().SetScript(Script::TwoAtATime);
     auto msg = Message(kJ1785Id);
     FillRandom(*msg, 8);
@@ -457,7 +457,7 @@ TEST_P(J1939, ReleaseMidTransferSilencesTheInstance) {
     EXPECT_LT(sent, 255u);
 }
 
-TEST_P(J1939, ShortMessagesGoOutAsOneFrame) {
+TEST_P(ApiJ1939, ShortMessagesGoOutAsOneFrame) {
     auto msg = Message(kJShortId);
     const std::vector<uint8_t> payload = FillRandom(*msg, 9);
     ASSERT_EQ(TARN_Send(a, msg.get(), 0), TARN_SEND_OK);
@@ -470,7 +470,7 @@ TEST_P(J1939, ShortMessagesGoOutAsOneFrame) {
     EXPECT_EQ(TARN_Send(a, msg.get(), 0), TARN_SEND_FAILED);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothLayouts, J1939,
+INSTANTIATE_TEST_SUITE_P(BothLayouts, ApiJ1939,
                          ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN},
                                            uint32_t{TARN_FRAME_VCI}),
                          [](const ::testing::TestParamInfo<uint32_t>& info) {
@@ -481,7 +481,7 @@ bool RefuseAll(void*, void*) {
     return false;
 }
 
-TEST(J1939Disabled, LongMessagesAreRefused) {
+TEST(ApiJ1939Disabled, LongMessagesAreRefused) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     TempDbc dbc(J1939Dbc());
     const uint32_t h = TARN_Init(true, false);
@@ -501,7 +501,7 @@ TEST(J1939Disabled, LongMessagesAreRefused) {
 
 // A CTS delivered as an FD frame is cut to its first 8 bytes; one shorter
 // than 8 bytes is no CTS at all.
-TEST(J1939Fd, OnReceiveCutsFdFramesToClassic) {
+TEST(ApiJ1939Fd, OnReceiveCutsFdFramesToClassic) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     TempDbc dbc(J1939Dbc());
     const uint32_t h = TARN_Init(false, false);
@@ -569,7 +569,7 @@ std::vector<Frame> ReadCandump(const std::string& path) {
     return frames;
 }
 
-class J1939Log : public ::testing::TestWithParam<uint32_t> {};
+class ApiJ1939Log : public ::testing::TestWithParam<uint32_t> {};
 
 struct Reported {
     std::string name;
@@ -588,7 +588,7 @@ struct Reported {
 // A logged RTS/CTS session of a 22-byte group, replayed into an instance
 // holding a public J1939 database, is reported with the payload the logged
 // data packets carry.
-TEST_P(J1939Log, RecordedSessionIsReassembled) {
+TEST_P(ApiJ1939Log, RecordedSessionIsReassembled) {
     const std::string dbc = CorpusFile("can-dbc__j1939.dbc");
     const std::string log = CorpusFile("logs/pretty_j1939__multipacket_cts.txt");
     if (dbc.empty() || log.empty()) GTEST_SKIP() << "corpus absent";
@@ -618,7 +618,7 @@ TEST_P(J1939Log, RecordedSessionIsReassembled) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothLayouts, J1939Log,
+INSTANTIATE_TEST_SUITE_P(BothLayouts, ApiJ1939Log,
                          ::testing::Values(uint32_t{TARN_FRAME_SOCKETCAN},
                                            uint32_t{TARN_FRAME_VCI}),
                          [](const ::testing::TestParamInfo<uint32_t>& info) {
