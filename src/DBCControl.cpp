@@ -39,18 +39,20 @@ CDBCControl::CDBCControl(bool disableMultiSend, bool asyncAnalyse)
 }
 
 CDBCControl::~CDBCControl() {
-    m_stop = true;
-    m_exchange.Stop();
-    if (m_threadStarted.exchange(false)) m_thread.Join();
-    ClearQueue();
+    Shutdown();
 }
 
 void CDBCControl::Release() {
+    Shutdown();
+    delete this;
+}
+
+// Both threads are joined before anything they use goes away.
+void CDBCControl::Shutdown() {
     m_stop = true;
     m_exchange.Stop();
     if (m_threadStarted.exchange(false)) m_thread.Join();
     ClearQueue();
-    delete this;
 }
 
 bool CDBCControl::InOwnCallback() const {

@@ -99,6 +99,7 @@ class CDBCControl : public IOnMultiTransDoneListener {
         CDBCControl& m_owner;
     };
 
+    void Shutdown();
     static void* AsyncAnalyseLoop(void* self);
     void DoAsyncAnalyse();
     bool PopFront(FrmObj& obj);
