@@ -205,11 +205,6 @@ void CDBCControl::ClearQueue() {
     std::deque<FrmObj>().swap(m_queue.frames);
 }
 
-size_t CDBCControl::QueuedFrames() {
-    std::lock_guard<std::recursive_mutex> lock(m_queue.mutex);
-    return m_queue.frames.size();
-}
-
 void CDBCControl::DeliverAsync(DBCMessage* msg, uint64_t tag) {
     TARN_AsyncAnalyseCallback cb;
     void* ctx;

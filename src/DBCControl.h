@@ -83,8 +83,6 @@ class CDBCControl : public IOnMultiTransDoneListener {
     void OnTransDone(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, uint8_t* data, uint16_t length,
                      uint8_t value) override;
 
-    size_t QueuedFrames();
-
   private:
     // Listener of the async receiver: a transfer it completes is reported
     // through the asynchronous callback with the tag of the completing frame.
