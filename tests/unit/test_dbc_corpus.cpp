@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -392,17 +393,10 @@ void ExpectSignalMatches(const RefSignal& r, const ::Signal& s) {
     EXPECT_EQ(r.index, s.index);
 }
 
-TEST_P(DbcCorpus, ModelMatchesReferenceScanner) {
-    DBCEx db;
-    bool ok = db.Load(path_, false);
-    EXPECT_EQ(ref_.loadOk, ok) << "a repeated message id must fail the load, nothing else";
-
+void ExpectModelMatches(const RefModel& ref, const DBC& db) {
     auto model = ById(db);
-    ASSERT_EQ(ref_.messages.size(), model.size());
-    if (ok) {
-        EXPECT_EQ(model.size(), db.GetMessageCount());
-    }
-    for (const auto& [id, r] : ref_.messages) {
+    ASSERT_EQ(ref.messages.size(), model.size());
+    for (const auto& [id, r] : ref.messages) {
         SCOPED_TRACE("message " + r.name + " id " + std::to_string(id));
         auto it = model.find(id);
         ASSERT_NE(it, model.end());
@@ -416,6 +410,77 @@ TEST_P(DbcCorpus, ModelMatchesReferenceScanner) {
             ASSERT_NE(s, nullptr) << rs.name;
             ExpectSignalMatches(rs, *s);
         }
+    }
+}
+
+TEST_P(DbcCorpus, ModelMatchesReferenceScanner) {
+    DBCEx db;
+    bool ok = db.Load(path_, false);
+    EXPECT_EQ(ref_.loadOk, ok) << "a repeated message id must fail the load, nothing else";
+    ExpectModelMatches(ref_, db);
+    if (ok) {
+        EXPECT_EQ(ById(db).size(), db.GetMessageCount());
+    }
+}
+
+// Seeded edits of message and signal lines of a real file: dropped bytes,
+// repeated lines (repeated ids and names), lower-case keywords, lost
+// indentation, extra blank lines, CRLF ends. Loader and scanner must still
+// agree on every message and signal.
+std::string EditLines(const std::string& text, unsigned seed) {
+    std::vector<std::string> lines;
+    std::vector<size_t> targets;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        lines.push_back(text.substr(at, end - at));
+        size_t first = lines.back().find_first_not_of(" \t");
+        if (first != std::string::npos && (lines.back().compare(first, 4, "BO_ ") == 0 ||
+                                           lines.back().compare(first, 4, "SG_ ") == 0))
+            targets.push_back(lines.size() - 1);
+        at = end;
+    }
+    std::mt19937 rng(seed);
+    for (int edits = 1 + rng() % 4; edits > 0 && !targets.empty(); --edits) {
+        std::string& line = lines[targets[rng() % targets.size()]];
+        size_t first = line.find_first_not_of(" \t");
+        switch (rng() % 6) {
+            case 0:
+                line.erase(rng() % line.size(), 1);
+                break;
+            case 1:
+                line += line;
+                break;
+            case 2:
+                line[first] = static_cast<char>(std::tolower(line[first]));
+                break;
+            case 3:
+                line.erase(0, first);
+                break;
+            case 4:
+                line += rng() % 2 ? "\n" : "\r\n";
+                break;
+            default:
+                if (line.size() > 1 && line[line.size() - 2] != '\r')
+                    line.insert(line.size() - 1, "\r");
+        }
+    }
+    std::string out;
+    for (const std::string& line : lines) out += line;
+    return out;
+}
+
+TEST_P(DbcCorpus, LineEditsAgreeWithReference) {
+    std::string text = ReadAll(path_);
+    if (text.size() > 400000) GTEST_SKIP() << "large file: its unedited load is checked above";
+    for (unsigned seed = 1; seed <= 12; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::string edited = EditLines(text, seed);
+        RefModel ref = RefScanner(edited).Run();
+        DBC db;
+        EXPECT_EQ(ref.loadOk, db.LoadContent(edited));
+        ExpectModelMatches(ref, db);
+        if (HasFatalFailure()) return;
     }
 }
 
