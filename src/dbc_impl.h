@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "dbc.h"
@@ -193,10 +194,20 @@ class DBCImpl {
     void LogLine(const char* fixed, const char* tail = "", bool blank = true) const;
     void RebuildNameIndex();
     bool DispatchLine();
-    bool ParseSignalLine(Message* msg);
+    // The signal list of one message keeps its switch signal (the first
+    // "M" signal in map order) and the values already described on it, so
+    // that wide multiplexed messages cost the same per signal as small ones.
+    struct MuxState {
+        Signal* sw = nullptr;
+        const Signal* seenFor = nullptr;
+        size_t seenCount = 0;
+        std::unordered_set<double> seen;
+    };
+    bool ParseSignalLine(Message* msg, MuxState& mux);
     bool ReadSignalDef(SignalDef& def);
-    void AddMuxValueDesc(Message* msg, uint32_t value);
-    void StoreSignal(Message* msg, Signal& sig);
+    void AddMuxValueDesc(MuxState& mux, uint32_t value);
+    Signal& StoreSignal(Message* msg, Signal& sig);
+    static void TrackSwitch(Message* msg, MuxState& mux, Signal& stored);
     bool ParseBAObject(Attr& attr);
     void ReleaseModel();
 

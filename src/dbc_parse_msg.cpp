@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 
 #include "common/log.h"
@@ -47,6 +48,8 @@ bool DBCImpl::ParseBO() {
 }
 
 bool DBCImpl::ParseSG(Message* msg) {
+    MuxState mux;
+    mux.sw = GetMultiplexerSwitchSignal(msg);
     for (;;) {
         if (!IsBlank(m_char) && std::strncmp(m_cursor, "SG_", 3) != 0) return true;
         SetRollback();
@@ -60,18 +63,37 @@ bool DBCImpl::ParseSG(Message* msg) {
             return false;
         }
         DropRollback();
-        if (!ParseSignalLine(msg)) return false;
+        if (!ParseSignalLine(msg, mux)) return false;
     }
 }
 
-// Adds the "m<value>" description to an already defined switch signal.
-void DBCImpl::AddMuxValueDesc(Message* msg, uint32_t value) {
-    Signal* sw = GetMultiplexerSwitchSignal(msg);
-    if (!sw || FindValDescPair(sw->valueDescs, value)) return;
+// Adds the "m<value>" description to an already defined switch signal. The
+// set mirrors the switch's values; it is rebuilt whenever the switch changed
+// or its descriptions were replaced by a repeated definition.
+void DBCImpl::AddMuxValueDesc(MuxState& mux, uint32_t value) {
+    Signal* sw = mux.sw;
+    if (!sw) return;
+    if (mux.seenFor != sw || mux.seenCount != sw->valueDescs.size()) {
+        mux.seen.clear();
+        for (const ValPair& pair : sw->valueDescs) mux.seen.insert(pair.value);
+        mux.seenFor = sw;
+        mux.seenCount = sw->valueDescs.size();
+    }
+    if (!mux.seen.insert(static_cast<double>(value)).second) return;
     ValPair pair;
     pair.value = value;
     pair.desc = kq::StrUtils::FormatString("m%d", static_cast<int>(value));
     sw->valueDescs.push_back(std::move(pair));
+    ++mux.seenCount;
+}
+
+// Keeps mux.sw equal to what GetMultiplexerSwitchSignal would return.
+void DBCImpl::TrackSwitch(Message* msg, MuxState& mux, Signal& stored) {
+    if (stored.multiplexer == "M") {
+        if (!mux.sw || std::less<const char*>()(stored.name, mux.sw->name)) mux.sw = &stored;
+    } else if (mux.sw == &stored) {
+        mux.sw = GetMultiplexerSwitchSignal(msg);  // the switch was redefined as plain
+    }
 }
 
 // Cursor on ':'. Collects the text up to the first ']' without blanks.
@@ -102,7 +124,7 @@ bool DBCImpl::ReadSignalDef(SignalDef& def) {
     return ParseSignalDef(out, def) == 8;
 }
 
-void DBCImpl::StoreSignal(Message* msg, Signal& sig) {
+Signal& DBCImpl::StoreSignal(Message* msg, Signal& sig) {
     auto res = msg->signals.try_emplace(sig.name);
     Signal& slot = res.first->second;
     if (res.second) {
@@ -112,9 +134,10 @@ void DBCImpl::StoreSignal(Message* msg, Signal& sig) {
         sig.index = slot.index;
     }
     slot = std::move(sig);
+    return slot;
 }
 
-bool DBCImpl::ParseSignalLine(Message* msg) {
+bool DBCImpl::ParseSignalLine(Message* msg, MuxState& mux) {
     Signal sig;
     sig.name = ReadIdentifierAtom();
     const char* begin;
@@ -124,7 +147,7 @@ bool DBCImpl::ParseSignalLine(Message* msg) {
     if (len > 0 && begin[0] == 'm') {
         sig.multiplexerValue =
             static_cast<uint32_t>(std::strtoul(sig.multiplexer.c_str() + 1, nullptr, 10));
-        AddMuxValueDesc(msg, sig.multiplexerValue);
+        AddMuxValueDesc(mux, sig.multiplexerValue);
     }
     IgnoreWhiteSpace();
     if (m_char != ':') {
@@ -151,7 +174,7 @@ bool DBCImpl::ParseSignalLine(Message* msg) {
     }
     if (m_ordered) msg->signalList.push_back(sig);
     sig.rawZero = TruncateToU64(sig.factor == 0 ? -sig.offset : (0 - sig.offset) / sig.factor);
-    StoreSignal(msg, sig);
+    TrackSwitch(msg, mux, StoreSignal(msg, sig));
     while (IgnoreLine() && m_char == '\r') {
     }
     return true;

@@ -1,8 +1,10 @@
 // Section parsers, table-driven: each case loads a DBC text, compares the
 // exact log messages and checks what the model holds afterwards.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <random>
 
 #include "unit/dbc_test_util.h"
@@ -493,6 +495,57 @@ TEST(SignalDefinition, AgreesWithSscanfOnGeneratedTexts) {
         const double w[] = {want.factor, want.offset, want.minimum, want.maximum};
         const double g[] = {got.factor, got.offset, got.minimum, got.maximum};
         EXPECT_EQ(0, std::memcmp(w, g, sizeof w)) << text;
+    }
+}
+
+// Property: the pairs that multiplexed signals add to their switch match a
+// direct simulation of the rule (switch = the "M" signal with the smallest
+// name pointer among those defined so far; a repeated definition replaces
+// its signal and drops its pairs), over random signal lists whose names
+// were interned in random order.
+TEST(Multiplexing, SwitchPairsMatchASimulation) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<std::string> names;
+        for (int i = 0; i < 6; ++i) names.push_back("N" + std::to_string(i));
+        std::vector<std::string> order = names;
+        std::shuffle(order.begin(), order.end(), rng);
+        std::string text = "BU_:";
+        for (const std::string& n : order) text += " " + n;
+        text += "\nBO_ 1 A: 8 X\n";
+        std::vector<std::pair<std::string, std::string>> lines;
+        for (int i = 0; i < 12; ++i) {
+            int kind = static_cast<int>(rng() % 3);
+            std::string ind = kind == 0 ? "M" : kind == 1 ? "m" + std::to_string(rng() % 4) : "";
+            lines.emplace_back(names[rng() % names.size()], ind);
+            text += " SG_ " + lines.back().first + " " + ind + " : 0|8@1+ (1,0) [0|0] \"\" X\n";
+        }
+        dbctest::LogCapture quiet;
+        auto db = dbctest::Load(text);
+        const dbc_detail::Atoms& atoms = db->Impl()->GetAtoms();
+        struct Ref {
+            std::string mux;
+            std::vector<double> values;
+        };
+        std::map<const char*, Ref> ref;
+        for (const auto& line : lines) {
+            if (!line.second.empty() && line.second[0] == 'm') {
+                double v = std::stod(line.second.substr(1));
+                auto sw = std::find_if(ref.begin(), ref.end(),
+                                       [](const auto& kv) { return kv.second.mux == "M"; });
+                if (sw != ref.end() && std::find(sw->second.values.begin(), sw->second.values.end(),
+                                                 v) == sw->second.values.end())
+                    sw->second.values.push_back(v);
+            }
+            ref[atoms.find(line.first)] = Ref{line.second, {}};
+        }
+        for (const auto& kv : ref) {
+            const Signal* sig = Sig(*db, 1, kv.first);
+            ASSERT_NE(sig, nullptr);
+            std::vector<double> got;
+            for (const ValPair& p : sig->valueDescs) got.push_back(p.value);
+            EXPECT_EQ(kv.second.values, got) << text;
+        }
     }
 }
 
