@@ -471,8 +471,9 @@ std::string EditLines(const std::string& text, unsigned seed) {
 }
 
 TEST_P(DbcCorpus, LineEditsAgreeWithReference) {
+    // Large files are cut at a line end: the edits need not walk megabytes.
     std::string text = ReadAll(path_);
-    if (text.size() > 400000) GTEST_SKIP() << "large file: its unedited load is checked above";
+    if (text.size() > 400000) text.erase(text.rfind('\n', 400000) + 1);
     for (unsigned seed = 1; seed <= 12; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::string edited = EditLines(text, seed);
