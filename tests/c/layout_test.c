@@ -80,4 +80,6 @@ _Static_assert(TARN_CAN_EFF_FLAG == 0x80000000u && TARN_CAN_RTR_FLAG == 0x400000
                    TARN_CAN_EFF_MASK == 0x1FFFFFFFu,
                "SocketCAN identifier flags");
 
-int main(void) { return 0; }
+int main(void) {
+    return 0;
+}
