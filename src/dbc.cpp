@@ -1,4 +1,5 @@
 // Name interning, the DBC facade, model lookups and model lifetime.
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -12,17 +13,53 @@ namespace {
 constexpr size_t kBlockSize = 64 * 1024;
 }
 
-Atoms::Atoms() : m_buckets(kInitialBuckets, nullptr) {}
+namespace {
+
+// A bijective 64-bit mixer: distinct states stay distinct.
+uint64_t Mix(uint64_t x) {
+    x *= 0xbf58476d1ce4e5b9ull;
+    x ^= x >> 31;
+    x *= 0x94d049bb133111ebull;
+    return x ^ (x >> 29);
+}
+
+}  // namespace
+
+// The seed comes from this table's (randomised) address and the clock, so
+// that no text can be prepared to pile its names into one bucket.
+Atoms::Atoms()
+    : m_buckets(kInitialBuckets, nullptr),
+      m_seed(
+          Mix(reinterpret_cast<uintptr_t>(this) ^
+              static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()))) {
+}
 
 Atoms::~Atoms() {
     for (char* block : m_blocks) std::free(block);
 }
 
-uint64_t Atoms::Hash(const char* s, size_t n) {
-    uint64_t h = 7;
-    for (size_t i = 0; i < n; ++i)
-        h = h * 31 + static_cast<uint64_t>(static_cast<signed char>(s[i]));
-    return h;
+// Eight bytes per step; each step is a bijection of the state, so texts of
+// equal length never share a full hash.
+uint64_t Atoms::Hash(const char* s, size_t n) const {
+    uint64_t h = m_seed ^ (n * 0x9e3779b97f4a7c15ull);
+    for (; n >= 8; s += 8, n -= 8) {
+        uint64_t w;
+        std::memcpy(&w, s, 8);
+        h = Mix(h ^ w);
+    }
+    uint64_t w = 0;
+    std::memcpy(&w, s, n);
+    return Mix(h ^ w);
+}
+
+size_t Atoms::LongestChain() const {
+    size_t longest = 0;
+    for (Node* node : m_buckets) {
+        size_t len = 0;
+        for (; node; node = node->next) ++len;
+        if (len > longest) longest = len;
+    }
+    return longest;
 }
 
 const char* Atoms::intern(const char* s) {

@@ -74,7 +74,8 @@ class Atoms {
 
     uint64_t size() const { return m_count; }
     size_t bucket_count() const { return m_buckets.size(); }
-    static uint64_t Hash(const char* s, size_t n);
+    uint64_t Hash(const char* s, size_t n) const;
+    size_t LongestChain() const;  // for tests of the bucket spread
 
   private:
     // The text follows its node in the arena (it starts at Text(node)). The
@@ -92,6 +93,7 @@ class Atoms {
 
     std::vector<Node*> m_buckets;
     uint64_t m_count = 0;
+    uint64_t m_seed;
     std::vector<char*> m_blocks;  // arena blocks holding nodes and texts
     char* m_free = nullptr;
     size_t m_left = 0;
