@@ -13,18 +13,6 @@ namespace {
 constexpr size_t kBlockSize = 64 * 1024;
 }
 
-namespace {
-
-// A bijective 64-bit mixer: distinct states stay distinct.
-uint64_t Mix(uint64_t x) {
-    x *= 0xbf58476d1ce4e5b9ull;
-    x ^= x >> 31;
-    x *= 0x94d049bb133111ebull;
-    return x ^ (x >> 29);
-}
-
-}  // namespace
-
 // The seed comes from this table's (randomised) address and the clock, so
 // that no text can be prepared to pile its names into one bucket.
 Atoms::Atoms()
@@ -170,7 +158,8 @@ DBCImpl::DBCImpl()
       m_kwEV(m_atoms.intern("EV_", 3)),
       m_kwVAL(m_atoms.intern("VAL_", 4)),
       m_kwSigValType(m_atoms.intern("SIG_VALTYPE_", 12)),
-      m_empty(m_atoms.intern("", 0)) {}
+      m_empty(m_atoms.intern("", 0)),
+      m_msgById(64, dbc_detail::IdHash{m_atoms.Hash("", 0)}) {}
 
 DBCImpl::~DBCImpl() {
     ReleaseModel();

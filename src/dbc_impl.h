@@ -55,6 +55,20 @@ int ParseSignalDef(const char* text, SignalDef& out);
 
 namespace dbc_detail {
 
+// A bijective 64-bit mixer: distinct states stay distinct.
+inline uint64_t Mix(uint64_t x) {
+    x *= 0xbf58476d1ce4e5b9ull;
+    x ^= x >> 31;
+    x *= 0x94d049bb133111ebull;
+    return x ^ (x >> 29);
+}
+
+// Seeded identifier hash: crafted identifiers cannot share one bucket.
+struct IdHash {
+    uint64_t seed;
+    size_t operator()(uint64_t id) const { return static_cast<size_t>(Mix(id ^ seed)); }
+};
+
 // Interning table: one owned copy per distinct string, never freed before
 // the table itself. Strings live in large arena blocks beside their nodes.
 class Atoms {
@@ -250,5 +264,5 @@ class DBCImpl {
     std::string m_defBuf;   // reused compact signal definition
     // Hashed view of m_messages: the comment, value and attribute sections
     // look a message up per line.
-    std::unordered_map<uint64_t, Message*> m_msgById;
+    std::unordered_map<uint64_t, Message*, dbc_detail::IdHash> m_msgById;
 };
