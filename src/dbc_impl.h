@@ -205,7 +205,7 @@ class DBCImpl {
   private:
     void Step();
     void ScanWord(const char*& begin, size_t& len);
-    const char* InternUpper(const char* s, size_t n);
+    const char* InternUpper(const char* s, size_t n, bool* changed = nullptr);
     const char* ScanWindow(int tokens);
     void LogLine(const char* fixed, const char* tail = "", bool blank = true) const;
     void RebuildNameIndex();

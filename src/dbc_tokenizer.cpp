@@ -92,7 +92,7 @@ const char* DBCImpl::ReadIdentifierAtom() {
     return m_atoms.intern(begin, len);
 }
 
-const char* DBCImpl::InternUpper(const char* s, size_t n) {
+const char* DBCImpl::InternUpper(const char* s, size_t n, bool* changed) {
     char small[64];
     std::string big;
     char* out = small;
@@ -102,6 +102,7 @@ const char* DBCImpl::InternUpper(const char* s, size_t n) {
     }
     for (size_t i = 0; i < n; ++i)
         out[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(s[i])));
+    if (changed) *changed = std::memcmp(out, s, n) != 0;
     return m_atoms.intern(out, n);
 }
 
@@ -259,8 +260,11 @@ bool DBCImpl::DispatchLine() {
     const char* begin;
     size_t len;
     ScanWord(begin, len);
-    m_atoms.intern(begin, len);
-    const char* kw = InternUpper(begin, len);
+    // Every first word is interned as written; a word that upper-casing
+    // leaves unchanged needs only the one lookup.
+    bool changed = false;
+    const char* kw = InternUpper(begin, len, &changed);
+    if (changed) m_atoms.intern(begin, len);
     if (kw == m_kwCM) {
         ParseCM();
     } else if (kw == m_kwBA) {

@@ -169,10 +169,11 @@ TEST(Driver, EmptyTextNulAndWholeWordKeywords) {
     EXPECT_NE(cut->FindMsg(1), nullptr);
     EXPECT_EQ(cut->FindMsg(2), nullptr) << "the scan ends at the first NUL";
 
-    auto words = dbctest::Load("BO_X 1 A: 8 X\nVERSION \"\"\n;\n BO_ 3 C: 8 X\n");
+    auto words = dbctest::Load("BO_X 1 A: 8 X\nVERSION \"\"\nvErsion\n;\n BO_ 3 C: 8 X\n");
     EXPECT_EQ(words->FindMsg(1), nullptr);
     EXPECT_NE(words->FindMsg(3), nullptr) << "leading blanks before a keyword are skipped";
     EXPECT_NE(words->Impl()->GetAtoms().find("VERSION"), nullptr) << "first words are interned";
+    EXPECT_NE(words->Impl()->GetAtoms().find("vErsion"), nullptr) << "also as written";
     EXPECT_TRUE(log.Messages().empty());
 }
 
