@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 
 namespace kq {
@@ -80,8 +82,10 @@ bool FileUtils::ReadFile(const std::string& path, std::string& out, int32_t offs
     FileCloser file{std::fopen(path.c_str(), "rb")};
     if (!file.f) return false;
     if (std::fseek(file.f, 0, SEEK_END) != 0) return false;
-    // Sizes are 32-bit: files of 2 GiB or more come out negative and fail below.
-    int32_t size = static_cast<int32_t>(std::ftell(file.f));
+    // Sizes are 32-bit: files of 2 GiB or more are refused rather than misread.
+    long end = std::ftell(file.f);
+    if (end < 0 || end > INT32_MAX) return false;
+    int32_t size = static_cast<int32_t>(end);
     if (length == 0) return true;
     int32_t wanted = (length == -1) ? size : length;
     if (size <= offset || offset < 0 || wanted <= 0) return false;
