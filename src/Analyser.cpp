@@ -1,6 +1,7 @@
 // Translation of model messages into public records, message lookup by
 // identifier or PGN, network nodes and value tables.
 #include "Analyser.h"
+#include "j1939_ids.h"
 
 #include <strings.h>
 
@@ -26,11 +27,6 @@ constexpr unsigned kUnitBound = TARN_UNIT_LEN - 1;
 
 const char* OrEmpty(const char* s) {
     return s ? s : "";
-}
-
-// J1939 group mask chosen by the identifier's own PDU format byte.
-uint32_t GroupMask(uint32_t id) {
-    return ((id >> 16) & 0xFFu) < 240u ? 0x3FF0000u : 0x3FFFF00u;
 }
 
 // Digits right after the first character; stops at the first non-digit.
@@ -90,16 +86,23 @@ bool IsNamed(const Attr& attr, const char* name) {
     return attr.name && strcmp(attr.name, name) == 0;
 }
 
-struct IdMatch {
-    CAnalyser* self;
-    uint32_t id;
-    const Message* found;
-};
-
-struct PgnMatch {
-    uint32_t pgn;
-    const Message* found;
-};
+// First snapshotted message that `accept` takes, in list order.
+template <typename Pred>
+const Message* FindFirst(const DBCEx& db, Pred accept) {
+    struct Walk {
+        Pred* accept;
+        const Message* found;
+    } walk{&accept, nullptr};
+    db.ForEach(
+        [](void* ctx, uint64_t, const Message& msg) {
+            auto* w = static_cast<Walk*>(ctx);
+            if (!(*w->accept)(msg)) return true;
+            w->found = &msg;
+            return false;
+        },
+        &walk);
+    return walk.found;
+}
 
 }  // namespace
 
@@ -170,7 +173,8 @@ uint32_t CAnalyser::GetMessageCount() {
 }
 
 bool CAnalyser::IsIdEqual(uint32_t a, uint32_t b) {
-    if (m_coder.GetProtocol() == TARN_PROTOCOL_J1939 && (a & GroupMask(a)) == (b & GroupMask(b)))
+    if (m_coder.GetProtocol() == TARN_PROTOCOL_J1939 &&
+        (a & j1939::GroupMask(a)) == (b & j1939::GroupMask(b)))
         return true;
     return ((a ^ b) & kIdBits) == 0;
 }
@@ -183,34 +187,21 @@ void CAnalyser::LogFailure(const char* what, uint32_t id) {
 
 bool CAnalyser::GetMessageById(uint32_t id, DBCMessage* out) {
     if (!out) return false;
-    IdMatch match{this, id, nullptr};
-    m_db.ForEach(
-        [](void* ctx, uint64_t, const Message& msg) {
-            auto* m = static_cast<IdMatch*>(ctx);
-            if (!m->self->IsIdEqual(m->id, static_cast<uint32_t>(msg.id))) return true;
-            m->found = &msg;
-            return false;
-        },
-        &match);
-    if (!match.found) return false;
-    TranslateMsg(*match.found, *out);
+    const Message* found = FindFirst(
+        m_db, [&](const Message& msg) { return IsIdEqual(id, static_cast<uint32_t>(msg.id)); });
+    if (!found) return false;
+    TranslateMsg(*found, *out);
     return true;
 }
 
 bool CAnalyser::GetMessageByPgn(uint32_t pgn, DBCMessage* out) {
     if (!out) return false;
-    PgnMatch match{pgn & 0xFFFFFFu, nullptr};
-    m_db.ForEach(
-        [](void* ctx, uint64_t, const Message& msg) {
-            auto* m = static_cast<PgnMatch*>(ctx);
-            uint32_t id = static_cast<uint32_t>(msg.id);
-            if (m->pgn != ((id & GroupMask(id)) >> 8)) return true;
-            m->found = &msg;
-            return false;
-        },
-        &match);
-    if (!match.found) return false;
-    TranslateMsg(*match.found, *out);
+    const uint32_t want = pgn & 0xFFFFFFu;
+    const Message* found = FindFirst(m_db, [&](const Message& msg) {
+        return want == (j1939::GroupKey(static_cast<uint32_t>(msg.id)) >> 8);
+    });
+    if (!found) return false;
+    TranslateMsg(*found, *out);
     return true;
 }
 

@@ -1,4 +1,5 @@
 #include "Exchange.h"
+#include "j1939_ids.h"
 
 #include <algorithm>
 #include <chrono>
@@ -32,19 +33,6 @@ enum State : uint32_t {
 };
 enum Mode : uint32_t { kModeIdle = 0, kModeSend = 1, kModeReceive = 2 };
 
-uint32_t PgnKey(uint32_t id) {
-    uint32_t pf = (id >> 16) & 0xFF;
-    return pf < 240 ? (id & 0x3FF0000) : (id & 0x3FFFF00);
-}
-
-uint32_t FramePgn(const VCI_CAN_OBJ& frame) {
-    return frame.data[5] | (frame.data[6] << 8) | (uint32_t(frame.data[7]) << 16);
-}
-
-uint16_t FrameSize(const VCI_CAN_OBJ& frame) {
-    return uint16_t(frame.data[1] | (frame.data[2] << 8));
-}
-
 uint64_t SteadyMs() {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
@@ -57,8 +45,7 @@ J1939ID J1939ID::FromId(uint64_t id) {
     out.priority = uint8_t((id >> 26) & 0x7);
     out.source = uint8_t(id & 0xFF);
     out.destination = uint8_t((id >> 8) & 0xFF);
-    uint64_t pf = (id >> 16) & 0xFF;
-    out.pgn = (id & (pf < 240 ? 0x3FF0000u : 0x3FFFF00u)) >> 8;
+    out.pgn = j1939::GroupKey(id) >> 8;
     return out;
 }
 
@@ -395,7 +382,7 @@ int CExchange::AfterGrantLocked(Lock& lock, size_t frameCount, size_t& first, si
 void CExchange::OnReceive(const VCI_CAN_OBJ* frame) {
     if (frame == nullptr) return;
     try {
-        if (PgnKey(frame->id) == kTpCmKey) ProcessCom(*frame);
+        if (j1939::GroupKey(frame->id) == kTpCmKey) ProcessCom(*frame);
     } catch (const std::exception& e) {
         KQ_LOG(kq::LOG_ERROR, "CExchange::OnReceive: %s\n", e.what());
     } catch (...) {
@@ -437,7 +424,7 @@ void CExchange::ProcessCom(const VCI_CAN_OBJ& frame) {
 }
 
 bool CExchange::IsMatch(const VCI_CAN_OBJ& frame) const {
-    return (m_transferId.pgn & 0xFFFFFF) == FramePgn(frame) &&
+    return (m_transferId.pgn & 0xFFFFFF) == j1939::CmPgn(frame) &&
            (frame.id & 0xFF) == m_transferId.destination &&
            ((frame.id >> 8) & 0xFF) == m_transferId.source;
 }
@@ -445,12 +432,12 @@ bool CExchange::IsMatch(const VCI_CAN_OBJ& frame) const {
 bool CExchange::ProcessRTS(const VCI_CAN_OBJ& frame) {
     if (m_mode != kModeIdle) return false;
     if (m_state != kIdle && m_state != kAcked && m_state != kAborted) return false;
-    m_totalSize = FrameSize(frame);
+    m_totalSize = j1939::CmSize(frame);
     m_packetCount = frame.data[3];
     m_transferId.priority = uint8_t((frame.id >> 26) & 0x7);
     m_transferId.source = uint8_t(frame.id & 0xFF);
     m_transferId.destination = uint8_t((frame.id >> 8) & 0xFF);
-    m_transferId.pgn = FramePgn(frame);
+    m_transferId.pgn = j1939::CmPgn(frame);
     m_sentFrames.assign(m_packetCount, VCI_CAN_OBJ{});
     m_packetBits.assign(m_packetCount, false);
     m_state = kRtsDone;
@@ -471,7 +458,7 @@ bool CExchange::ProcessCTS(const VCI_CAN_OBJ& frame) {
 
 bool CExchange::ProcessACK(const VCI_CAN_OBJ& frame) {
     if (m_mode != kModeSend || m_state != kSending || !IsMatch(frame)) return false;
-    if (FrameSize(frame) != m_totalSize || frame.data[3] != m_packetCount) return false;
+    if (j1939::CmSize(frame) != m_totalSize || frame.data[3] != m_packetCount) return false;
     m_state = kAcked;
     return true;
 }

@@ -1,4 +1,5 @@
 #include "MultiFrmListener.h"
+#include "j1939_ids.h"
 
 #include <algorithm>
 #include <exception>
@@ -18,19 +19,6 @@ constexpr uint8_t kAbort = 0xFF;
 constexpr uint64_t kRtsRestartMs = 5000;
 constexpr size_t kBytesPerPacket = 7;
 
-uint32_t PgnKey(uint32_t id) {
-    uint32_t pf = (id >> 16) & 0xFF;
-    return pf < 240 ? (id & 0x3FF0000) : (id & 0x3FFFF00);
-}
-
-uint32_t FramePgn(const VCI_CAN_OBJ& frame) {
-    return frame.data[5] | (frame.data[6] << 8) | (uint32_t(frame.data[7]) << 16);
-}
-
-uint16_t FrameSize(const VCI_CAN_OBJ& frame) {
-    return uint16_t(frame.data[1] | (frame.data[2] << 8));
-}
-
 }  // namespace
 
 CMultiFrmListener::CMultiFrmListener() : m_now(&kq::Platform::Now) {}
@@ -43,7 +31,7 @@ void CMultiFrmListener::SetClock(Clock now) {
 
 int CMultiFrmListener::Push(const VCI_CAN_OBJ& frame) {
     try {
-        uint32_t key = PgnKey(frame.id);
+        uint32_t key = j1939::GroupKey(frame.id);
         if (key == kTpCmKey) {
             switch (frame.data[0]) {
                 case kRts:
@@ -69,9 +57,9 @@ int CMultiFrmListener::Push(const VCI_CAN_OBJ& frame) {
 }
 
 int CMultiFrmListener::Announce(const VCI_CAN_OBJ& frame, bool broadcast) {
-    m_size = FrameSize(frame);
+    m_size = j1939::CmSize(frame);
     m_packetCount = frame.data[3];
-    m_pgn = FramePgn(frame);
+    m_pgn = j1939::CmPgn(frame);
     m_announceId = frame.id;
     m_packets.assign(m_packetCount, VCI_CAN_OBJ{});
     m_received.assign(m_packetCount, false);
@@ -95,7 +83,7 @@ int CMultiFrmListener::ProcessBAM(const VCI_CAN_OBJ& frame) {
 }
 
 bool CMultiFrmListener::PgnMatches(const VCI_CAN_OBJ& frame) const {
-    return FramePgn(frame) == m_pgn;
+    return j1939::CmPgn(frame) == m_pgn;
 }
 
 int CMultiFrmListener::ProcessCTS(const VCI_CAN_OBJ& frame) {
@@ -117,7 +105,7 @@ int CMultiFrmListener::ProcessDT(const VCI_CAN_OBJ& frame) {
 
 int CMultiFrmListener::ProcessACK(const VCI_CAN_OBJ& frame) {
     if (m_state != 4 || !PgnMatches(frame)) return 0;
-    if (FrameSize(frame) != m_size || frame.data[3] != m_packetCount) return 0;
+    if (j1939::CmSize(frame) != m_size || frame.data[3] != m_packetCount) return 0;
     return Notify();
 }
 

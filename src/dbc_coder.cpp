@@ -1,6 +1,7 @@
 // Message coder: identifier and PGN indexes, frame list decoding and
 // encoding into single frames or J1939 transport data packets.
 #include "dbc_coder.h"
+#include "j1939_ids.h"
 
 #include <algorithm>
 #include <cstring>
@@ -48,9 +49,7 @@ void DBCCoder::SetProtocol(ProtocolType type) {
 }
 
 uint64_t DBCCoder::PGN1939(uint64_t id) const {
-    if (id <= 0x7FF) return id;
-    uint64_t pf = (id >> 16) & 0xFF;
-    return pf <= 239 ? id & 0x3FF0000 : id & 0x3FFFF00;
+    return id <= 0x7FF ? id : j1939::GroupKey(id);
 }
 
 Message* DBCCoder::FindMsg(uint32_t id, bool byId) const {
