@@ -31,99 +31,50 @@ std::string Printf(double v) {
            << bits << ": got \"" << buf << "\" (" << n << "), printf \"" << want << "\"";
 }
 
+// Signed zeros, rounding at the sixth decimal (exact ties such as 0.0078125
+// round to even), the 2^53 and 2^64 boundaries, extremes, subnormals, inf, nan.
 TEST(FormatFixed6, EdgeValuesMatchPrintf) {
     const double inf = std::numeric_limits<double>::infinity();
-    const double values[] = {0.0,
-                             -0.0,
-                             0.0000005,
-                             -0.0000005,
-                             0.0000015,
-                             0.0000025,
-                             0.00000049999999999999999,
-                             0.0078125,  // exact tie: 7812.5 micros, rounds to even
-                             0.0234375,  // exact tie rounding up to even
-                             -0.0078125,
-                             2.5,
-                             0.1,
-                             1.5,
-                             123456.7890125,
-                             1e15,
-                             1e15 + 0.5,
-                             9007199254740992.0,  // 2^53
-                             9007199254740993.0,
-                             4503599627370495.5,
-                             1e17,
-                             18446744073709549568.0,  // largest double below 2^64
-                             18446744073709551616.0,  // 2^64
-                             1e19,
-                             1e20,
-                             1e300,
-                             -1e300,
-                             DBL_MAX,
-                             -DBL_MAX,
-                             DBL_MIN,
-                             -DBL_MIN,
-                             std::numeric_limits<double>::denorm_min(),
-                             -std::numeric_limits<double>::denorm_min(),
-                             1e-300,
-                             -1e-9,
-                             inf,
-                             -inf,
-                             std::nan(""),
-                             -std::nan(""),
-                             static_cast<double>(UINT64_MAX),
-                             static_cast<double>(INT64_MIN),
-                             4294967295.999999,
-                             0.9999995,
-                             0.99999949999999,
-                             -0.9999995};
-    for (double v : values) EXPECT_TRUE(SameAsPrintf(v));
-}
-
-TEST(FormatFixed6, RandomBitPatternsMatchPrintf) {
-    std::mt19937_64 rng(12345);
-    for (int i = 0; i < 200000; ++i) {
-        uint64_t bits = rng();
-        double v;
-        std::memcpy(&v, &bits, sizeof(v));
-        ASSERT_TRUE(SameAsPrintf(v));
-        // Magnitudes where the six decimals carry information.
-        double moderate = std::ldexp(static_cast<double>(bits >> 11), -53 + int(bits % 94) - 30);
-        ASSERT_TRUE(SameAsPrintf(moderate));
+    const double tiny = std::numeric_limits<double>::denorm_min();
+    // clang-format off
+    const double values[] = {0.0, 0.0000005, 0.0000015, 0.0000025, 0.00000049999999999999999, 0.0078125,
+                     0.0234375, 2.5, 0.1, 1.5, 123456.7890125, 1e15, 1e15 + 0.5, 9007199254740992.0,
+                     9007199254740993.0, 4503599627370495.5, 1e17, 18446744073709549568.0,
+                     18446744073709551616.0, 1e19, 1e20, 1e300, DBL_MAX, DBL_MIN, tiny, 1e-300,
+                     1e-9, inf, std::nan(""), 4294967295.999999, 0.9999995, 0.99999949999999,
+                     static_cast<double>(UINT64_MAX), static_cast<double>(INT64_MIN)};
+    // clang-format on
+    for (double v : values) {
+        EXPECT_TRUE(SameAsPrintf(v));
+        EXPECT_TRUE(SameAsPrintf(-v));
     }
 }
 
-// Values built around the rounding boundary of the sixth decimal, and exact
-// dyadic ties (k / 128 with an odd multiple of 5^6 above it).
-TEST(FormatFixed6, NearHalfwayValuesMatchPrintf) {
-    std::mt19937_64 rng(99);
-    for (int i = 0; i < 100000; ++i) {
-        double whole = static_cast<double>(rng() % 100000000);
-        double micros = static_cast<double>(rng() % 1000000);
-        double v = whole + (micros + 0.5) / 1e6;
+// Random bit patterns, random magnitudes where the six decimals carry
+// information, values at and next to the rounding boundary of the sixth
+// decimal, and exact dyadic ties (k / 128 with an odd multiple of 5^6 above it).
+TEST(FormatFixed6, RandomAndNearHalfwayValuesMatchPrintf) {
+    std::mt19937_64 rng(12345);
+    for (int i = 0; i < 200000; ++i) {
+        const uint64_t bits = rng();
+        double v;
+        std::memcpy(&v, &bits, sizeof(v));
         ASSERT_TRUE(SameAsPrintf(v));
-        ASSERT_TRUE(SameAsPrintf(std::nextafter(v, 0.0)));
-        ASSERT_TRUE(SameAsPrintf(std::nextafter(v, 1e300)));
-        ASSERT_TRUE(SameAsPrintf(-v));
+        ASSERT_TRUE(SameAsPrintf(std::ldexp(double(bits >> 11), -53 + int(bits % 94) - 30)));
+        const double half = double(rng() % 100000000) + (double(rng() % 1000000) + 0.5) / 1e6;
+        for (double h : {half, std::nextafter(half, 0.0), std::nextafter(half, 1e300), -half}) {
+            ASSERT_TRUE(SameAsPrintf(h));
+        }
     }
     for (int k = -20000; k <= 20000; ++k) ASSERT_TRUE(SameAsPrintf(k / 128.0));
 }
 
 TEST(FormatU64, MatchesPrintf) {
     std::mt19937_64 rng(4242);
-    std::vector<uint64_t> values = {0,
-                                    1,
-                                    9,
-                                    10,
-                                    99,
-                                    100,
-                                    999,
-                                    1000,
-                                    UINT64_MAX,
-                                    UINT64_MAX - 1,
-                                    1ull << 63,
-                                    10000000000000000000ull,
-                                    9999999999999999999ull};
+    // clang-format off
+    std::vector<uint64_t> values = {0, 1, 9, 10, 99, 100, 999, 1000, UINT64_MAX, UINT64_MAX - 1,
+                                    1ull << 63, 10000000000000000000ull, 9999999999999999999ull};
+    // clang-format on
     for (int i = 0; i < 100000; ++i) values.push_back(rng() >> (rng() % 64));
     for (uint64_t v : values) {
         char want[32];
