@@ -1,11 +1,13 @@
 // Helpers of the DBC database tests: a log capture that returns the message
-// texts without their source prefix, and loading DBC text into a fresh model.
+// texts without their source prefix, loading DBC text into a fresh model and
+// a scratch directory for file-based loads.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -18,47 +20,66 @@
 
 namespace dbctest {
 
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// A fresh directory, removed with its contents at the end of the scope.
+class TempDir {
+  public:
+    TempDir() {
+        char tmpl[] = "/tmp/tarn_dbc_XXXXXX";
+        m_path = mkdtemp(tmpl) ? tmpl : "";
+    }
+    ~TempDir() {
+        std::error_code ec;
+        if (!m_path.empty()) std::filesystem::remove_all(m_path, ec);
+    }
+    const std::string& Path() const { return m_path; }
+    std::string Write(const std::string& name, const std::string& text) const {
+        std::ofstream(m_path + "/" + name, std::ios::binary) << text;
+        return m_path + "/" + name;
+    }
+
+  private:
+    std::string m_path;
+};
+
 // Routes the logger into a temporary file while alive.
 class LogCapture {
   public:
-    LogCapture() {
-        char tmpl[] = "/tmp/tarn_dbc_log_XXXXXX";
-        int fd = mkstemp(tmpl);
-        if (fd >= 0) close(fd);
-        m_path = tmpl;
-        kq::LogInit(m_path.c_str(), kq::LOG_DEBUG);
-    }
-    ~LogCapture() {
-        kq::LogInit(nullptr, kq::LOG_DEBUG);
-        unlink(m_path.c_str());
-    }
+    LogCapture() { kq::LogInit(m_file.c_str(), kq::LOG_DEBUG); }
+    ~LogCapture() { kq::LogInit(nullptr, kq::LOG_DEBUG); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::string Raw() const {
-        std::ifstream in(m_path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    std::string Raw() const { return ReadFile(m_file); }
 
-    // Every logged message without the "file:line[level] " prefix and the
-    // newline of the "%s\n" format. Blank lines (the signed-signal warning
-    // carries its own newline) are dropped.
+    // Every logged message without the "file:line[level] " prefix. Blank
+    // lines (the signed-signal warning carries its own newline) are dropped.
     std::vector<std::string> Messages() const {
         std::vector<std::string> out;
         std::istringstream in(Raw());
-        std::string line;
-        while (std::getline(in, line)) {
+        for (std::string line; std::getline(in, line);) {
             size_t close = line.find("] ");
-            if (line.empty() || close == std::string::npos) continue;
-            out.push_back(line.substr(close + 2));
+            if (close != std::string::npos) out.push_back(line.substr(close + 2));
         }
         return out;
     }
 
   private:
-    std::string m_path;
+    TempDir m_dir;
+    std::string m_file = m_dir.Path() + "/log.txt";
+};
+
+// Silences the logger for a whole test suite.
+class Quiet : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { kq::LogInit("/dev/null", kq::LOG_ERROR); }
+    static void TearDownTestSuite() { kq::LogInit(nullptr, kq::LOG_DEBUG); }
 };
 
 // A model loaded from text, with the record-order flag set on request.
@@ -75,13 +96,16 @@ inline const Signal* Sig(const DBC& db, uint64_t id, const char* name) {
     return db.FindSignal(db.FindMsg(id), name);
 }
 
-inline std::string CorpusFile(const std::string& name) {
-#ifdef TARN_CORPUS_DIR
-    std::string path = std::string(TARN_CORPUS_DIR) + "/" + name;
-    if (access(path.c_str(), R_OK) == 0) return path;
-#endif
-    (void)name;
-    return std::string();
+inline std::vector<Message*> Messages(const DBC& db) {
+    std::vector<Message*> all;
+    db.GetAllMessage(all);
+    return all;
+}
+
+inline std::vector<NetworkNode*> Nodes(const DBC& db) {
+    std::vector<NetworkNode*> all;
+    db.GetAllNetworkNode(all);
+    return all;
 }
 
 }  // namespace dbctest
