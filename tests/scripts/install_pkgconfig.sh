@@ -3,7 +3,6 @@
 # a C program through pkg-config and a CMake project through find_package.
 # Args: $1 libtarn.so, $2 source dir, $3 build dir.
 set -euo pipefail
-
 build=$3
 
 # Sanitized libraries need their runtime in every consumer: not a packaging test.
@@ -12,23 +11,19 @@ if grep -Eq '^TARN_SANITIZE:[A-Z]*=.+' "$build/CMakeCache.txt"; then
     exit 77
 fi
 for tool in pkg-config cc cmake; do
-    if ! command -v "$tool" >/dev/null; then
-        echo "$tool not found: skipped"
-        exit 77
-    fi
+    command -v "$tool" >/dev/null || { echo "$tool not found: skipped"; exit 77; }
 done
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
-
 pcdir=$(dirname "$(find "$prefix" -name tarn.pc | head -n1)")
 libdir=$(dirname "$(find "$prefix" -name 'libtarn.so' | head -n1)")
 test -f "$prefix/include/tarn.h"
 
-cat >"$work/consumer.c" <<'C'
+mkdir "$work/cm"
+cat >"$work/cm/consumer.c" <<'C'
 #include <stdio.h>
 #include <tarn.h>
 int main(void) {
@@ -37,15 +32,6 @@ int main(void) {
     return type == 0 ? 0 : 1;
 }
 C
-
-echo "== pkg-config consumer"
-read -r -a flags <<<"$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs tarn)"
-cc -std=c11 -Wall -Wextra -Werror "$work/consumer.c" -o "$work/consumer" "${flags[@]}"
-LD_LIBRARY_PATH=$libdir "$work/consumer"
-
-echo "== find_package consumer"
-mkdir -p "$work/cm"
-cp "$work/consumer.c" "$work/cm/consumer.c"
 cat >"$work/cm/CMakeLists.txt" <<'CM'
 cmake_minimum_required(VERSION 3.16)
 project(tarn_consumer LANGUAGES C)
@@ -53,6 +39,11 @@ find_package(tarn REQUIRED)
 add_executable(consumer consumer.c)
 target_link_libraries(consumer PRIVATE tarn::tarn)
 CM
+
+read -r -a flags <<<"$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs tarn)"
+cc -std=c11 -Wall -Wextra -Werror "$work/cm/consumer.c" -o "$work/consumer" "${flags[@]}"
+LD_LIBRARY_PATH=$libdir "$work/consumer"
+
 cmake -S "$work/cm" -B "$work/cm/build" -DCMAKE_PREFIX_PATH="$prefix" >"$work/cm.log"
 cmake --build "$work/cm/build" >>"$work/cm.log"
 LD_LIBRARY_PATH=$libdir "$work/cm/build/consumer"

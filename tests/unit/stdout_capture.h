@@ -1,37 +1,50 @@
-// Redirects the process's standard output into a temporary file for the
-// lifetime of the object, so that tests can read what the logger printed.
+// Test helpers: scratch files under /tmp, and a capture of standard output.
 #pragma once
 
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+// A fresh path under /tmp that the test owns and removes; no file is left at it.
+class TempPath {
+  public:
+    explicit TempPath(const char* tag) : path_(std::string("/tmp/tarn_") + tag + "_XXXXXX") {
+        int fd = mkstemp(&path_[0]);
+        if (fd >= 0) close(fd);
+        unlink(path_.c_str());
+    }
+    ~TempPath() { unlink(path_.c_str()); }
+    const std::string& str() const { return path_; }
+    const char* c_str() const { return path_.c_str(); }
+    std::string Read() const {
+        std::stringstream ss;
+        ss << std::ifstream(path_, std::ios::binary).rdbuf();
+        return ss.str();
+    }
+    void Write(const std::string& data) const { std::ofstream(path_, std::ios::binary) << data; }
+
+  private:
+    std::string path_;
+};
+
+// Redirects the process's standard output into a scratch file until Text().
 class StdoutCapture {
   public:
     StdoutCapture() {
-        char path[] = "/tmp/tarn_stdout_XXXXXX";
-        int fd = mkstemp(path);
-        path_ = path;
         std::fflush(stdout);
         saved_ = dup(STDOUT_FILENO);
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
+        FILE* f = std::fopen(file_.c_str(), "wb");
+        dup2(fileno(f), STDOUT_FILENO);
+        std::fclose(f);
     }
-    ~StdoutCapture() {
-        Restore();
-        unlink(path_.c_str());
-    }
+    ~StdoutCapture() { Restore(); }
     // Stops capturing and returns everything written meanwhile.
     std::string Text() {
         Restore();
-        std::ifstream in(path_);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
+        return file_.Read();
     }
 
   private:
@@ -42,34 +55,6 @@ class StdoutCapture {
         close(saved_);
         saved_ = -1;
     }
-    std::string path_;
+    TempPath file_{"stdout"};
     int saved_ = -1;
-};
-
-// A fresh path under /tmp that the test owns and removes.
-class TempPath {
-  public:
-    explicit TempPath(const char* tag) {
-        std::string tmpl = std::string("/tmp/tarn_") + tag + "_XXXXXX";
-        int fd = mkstemp(&tmpl[0]);
-        if (fd >= 0) close(fd);
-        unlink(tmpl.c_str());
-        path_ = tmpl;
-    }
-    ~TempPath() { unlink(path_.c_str()); }
-    const std::string& str() const { return path_; }
-    const char* c_str() const { return path_.c_str(); }
-    std::string Read() const {
-        std::ifstream in(path_, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
-    void Write(const std::string& data) const {
-        std::ofstream out(path_, std::ios::binary);
-        out << data;
-    }
-
-  private:
-    std::string path_;
 };

@@ -3,30 +3,20 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "INI.h"
 #include "unit/stdout_capture.h"
 
 namespace {
 
-const char kIni[] =
-    "[net]\n"
-    "bitrate=500000\n"
-    "name= can0 \n"
-    "crlf=42\r\n"
-    "[other]\n"
-    "late=7\n"
-    "xkey=tail\n"
-    "[empty]\n"
-    "blank=\n"
-    "last=end";
-
 class IniTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        file.Write(kIni);
+    void Open(const std::string& text) {
+        file.Write(text);
         ASSERT_TRUE(ini.Open(file.c_str()));
     }
+    // The value as GetString leaves it in a buffer pre-filled with '#'.
     std::string Get(const char* section, const char* key, unsigned long size = 64,
                     const char* def = "DEF") {
         char out[128];
@@ -38,108 +28,61 @@ class IniTest : public ::testing::Test {
     CINI ini;
 };
 
-struct StringCase {
-    const char* section;
-    const char* key;
-    const char* value;
-};
+const char kIni[] =
+    "[net]\nbitrate=500000\nname= can0 \ncrlf=42\r\n[other]\nlate=7\nxkey=tail\n"
+    "[empty]\nblank=\nlast=end";
 
-class IniStrings : public IniTest, public ::testing::WithParamInterface<StringCase> {};
-
-TEST_P(IniStrings, FindsValueByTextSearch) {
-    EXPECT_EQ(Get(GetParam().section, GetParam().key), GetParam().value);
+TEST_F(IniTest, FindsValuesByPlainTextSearch) {
+    Open(kIni);
+    // clang-format off
+    const char* cases[][3] = {{"net", "bitrate", "500000"}, {"net", "nokey", "DEF"},
+        {"missing", "bitrate", "DEF"}, {"net", "name", " can0 "}, {"net", "crlf", "42\r"},
+        {"net", "late", "7"},         // keys are searched past later section headers...
+        {"other", "bitrate", "DEF"},  // ...but never before the section asked for
+        {"other", "key", "tail"},     // a key that ends a longer key matches it
+        {"empty", "blank", ""},
+        {"empty", "last", "en"}};     // without a final line feed the last byte is lost
+    // clang-format on
+    for (auto c : cases) EXPECT_EQ(Get(c[0], c[1]), c[2]) << c[0] << "." << c[1];
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, IniStrings,
-    ::testing::Values(StringCase{"net", "bitrate", "500000"},
-                      StringCase{"net", "name", " can0 "},  // blanks stay
-                      StringCase{"net", "crlf", "42\r"},    // the carriage return stays
-                      // Keys are searched past later section headers...
-                      StringCase{"net", "late", "7"},
-                      // ...but never before the section asked for.
-                      StringCase{"other", "bitrate", "DEF"},
-                      // A key that is the tail of a longer key matches it.
-                      StringCase{"other", "key", "tail"}, StringCase{"missing", "bitrate", "DEF"},
-                      StringCase{"net", "nokey", "DEF"}, StringCase{"empty", "blank", ""},
-                      // The last line has no line feed: its last byte is lost.
-                      StringCase{"empty", "last", "en"}));
-
-TEST(IniBasics, BeforeOpenOrAfterFailedOpenReturnsDefault) {
-    CINI ini;
-    char out[16] = {};
-    ini.GetString("a", "b", out, sizeof(out) - 1, "dflt");
-    EXPECT_STREQ(out, "dflt");
-    EXPECT_FALSE(ini.Open("/nonexistent/tarn.ini"));
-    EXPECT_EQ(ini.GetIntValue("a", "b", 7), 7u);
+TEST_F(IniTest, OutputHoldsAtMostOutSizeCharactersPlusTerminator) {
+    Open(kIni);
+    auto first5 = [&](const char* key, const char* def) {
+        char out[8];
+        std::memset(out, '#', sizeof(out));
+        ini.GetString("net", key, out, 3, def);
+        return std::string(out, 5);
+    };
+    EXPECT_EQ(first5("bitrate", ""), std::string("500\0#", 5));
+    EXPECT_EQ(first5("nokey", "abcdef"), "abcd#");  // a long default is left unterminated
+    Open("[s]\nk=" + std::string(70, '0') + "123\n");
+    EXPECT_EQ(Get("s", "k", 6), "000000");
+    EXPECT_EQ(ini.GetIntValue("s", "k", 0), 123u);  // the whole value is converted
 }
 
-TEST_F(IniTest, FailedReopenForgetsTheEarlierFile) {
-    EXPECT_FALSE(ini.Open("/nonexistent/tarn.ini"));
+TEST_F(IniTest, GetIntValueConvertsPresentKeysAndKeepsFirstDigitOfMissingDefaults) {
+    Open(kIni);
+    // clang-format off
+    const std::tuple<const char*, const char*, unsigned long, unsigned long> cases[] = {
+        {"net", "bitrate", 0, 500000}, {"net", "crlf", 0, 42}, {"net", "late", 0, 7},
+        {"net", "name", 9, 0}, {"net", "none", 7, 7}, {"net", "none", 42, 4},
+        {"nosection", "x", 987, 9}, {"net", "none", static_cast<unsigned long>(-5), 0}};
+    // clang-format on
+    for (auto [section, key, def, expected] : cases)
+        EXPECT_EQ(ini.GetIntValue(section, key, def), expected) << key << " " << def;
+}
+
+TEST_F(IniTest, UnopenedFailedOrEmptyFilesGiveDefaults) {
     EXPECT_EQ(Get("net", "bitrate"), "DEF");
-}
-
-TEST_F(IniTest, ValueIsCutToOutSizeCharactersPlusTerminator) {
-    char out[16];
-    std::memset(out, '#', sizeof(out));
-    ini.GetString("net", "bitrate", out, 3, "");
-    EXPECT_STREQ(out, "500");
-    EXPECT_EQ(out[4], '#');
-}
-
-TEST_F(IniTest, DefaultLongerThanOutSizeKeepsSizePlusOneCharacters) {
-    char out[16];
-    std::memset(out, '#', sizeof(out));
-    ini.GetString("net", "nokey", out, 3, "abcdef");
-    EXPECT_EQ(std::string(out, 5), "abcd#");
-}
-
-struct IntCase {
-    const char* section;
-    const char* key;
-    unsigned long def;
-    unsigned long expected;
-};
-
-class IniInts : public IniTest, public ::testing::WithParamInterface<IntCase> {};
-
-TEST_P(IniInts, ConvertsPresentValuesAndKeepsFirstDigitOfMissingDefaults) {
-    const IntCase& c = GetParam();
-    EXPECT_EQ(ini.GetIntValue(c.section, c.key, c.def), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, IniInts,
-    ::testing::Values(IntCase{"net", "bitrate", 0, 500000}, IntCase{"net", "crlf", 0, 42},
-                      IntCase{"net", "late", 0, 7}, IntCase{"net", "missing", 7, 7},
-                      IntCase{"net", "missing", 42, 4}, IntCase{"net", "missing", 25, 2},
-                      IntCase{"nosection", "x", 987, 9},
-                      IntCase{"net", "missing", (unsigned long)-5, 0},
-                      IntCase{"net", "name", 0, 0}));
-
-TEST(IniBasics, LongValueIsConvertedWhole) {
-    TempPath file("ini");
-    std::string digits = "00000000000000000000000000000000000000000000000000000000000000123";
-    file.Write("[s]\nk=" + digits + "\n");
-    CINI ini;
-    ASSERT_TRUE(ini.Open(file.c_str()));
-    EXPECT_EQ(ini.GetIntValue("s", "k", 0), 123u);
-    char small[8];
-    ini.GetString("s", "k", small, 6, "");
-    EXPECT_STREQ(small, "000000");
-}
-
-TEST(IniBasics, EmptyFileAndKeyAtEndOfImageAreSafe) {
-    TempPath file("ini");
-    CINI ini;
-    file.Write("");
-    ASSERT_TRUE(ini.Open(file.c_str()));
+    Open(kIni);
+    EXPECT_FALSE(ini.Open("/nonexistent/tarn.ini"));  // forgets the earlier file
+    EXPECT_EQ(Get("net", "bitrate"), "DEF");
+    EXPECT_EQ(ini.GetIntValue("net", "bitrate", 7), 7u);
+    Open("");
     EXPECT_EQ(ini.GetIntValue("s", "k", 3), 3u);
-    file.Write("[s]\nk=");
-    ASSERT_TRUE(ini.Open(file.c_str()));
-    char out[8] = "zzzzzzz";
-    ini.GetString("s", "k", out, 7, "d");
-    EXPECT_STREQ(out, "");
+    Open("[s]\nk=");  // the key ends the file image
+    EXPECT_EQ(Get("s", "k"), "");
 }
 
 }  // namespace
