@@ -155,7 +155,8 @@ TEST(AnalyserTranslate, ReusedRecordKeepsWhatTranslationDoesNotWrite) {
         EXPECT_EQ(out->cycleTime, expected) << type;
         EXPECT_STREQ(out->name, "Msg");
         EXPECT_STREQ(out->comment, "");
-        EXPECT_EQ(out->name[10] + out->comment[10], 2 * 0x5A) << "buffer tails are left";
+        EXPECT_EQ(std::make_pair(out->name[10], out->comment[10]), std::make_pair('Z', 'Z'))
+            << "the buffer tails (0x5A) are left";
         EXPECT_EQ(memcmp(&out->signals[1], zero.data(), zero.size()), 0) << "slots are zeroed";
         ASSERT_TRUE(a.GetMessageById(292, out.get()));
         EXPECT_EQ(out->cycleTime, expected) << type << ": a message without it keeps it";
@@ -204,7 +205,7 @@ TEST(AnalyserLookup, IdsCompareByGroupUnderJ1939AndByBits0To30Otherwise) {
     const std::tuple<uint32_t, uint32_t, bool, bool> cases[] = {
         {0x1CFEF1AA, 0x98FEF100, true, true},   // PDU2: priority, source
         {0x18EA00FE, 0x18EA3317, true, true},   // PDU1: destination too
-        {0x18FEF1FE, 0x18FEF2FE, true, false},  // PDU2: specific byte
+        {0x18FEF1FE, 0x18FEF2FE, true, false},  // PDU2: group extension
         {0x18EA00FE, 0x18EB00FE, true, false},  // PDU1: format byte
         {0x100, 0x200, true, true},             // 11-bit ids: group 0
         {0x18FEF100, 0x98FEF100, false, true},  // bit 31 never counts
