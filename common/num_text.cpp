@@ -55,6 +55,22 @@ Fixed SplitMicros(double mag) {
     if (shift >= 75) return {0, 0};  // mant * 10^6 < 2^73: under half a millionth
     uint64_t whole = shift >= 64 ? 0 : mant >> shift;
     uint64_t frac = shift >= 64 ? mant : mant & ((1ull << shift) - 1);
+    if (frac == 0) return {whole, 0};
+    // Dropping the fraction's trailing zero bits keeps its value; most
+    // scaled signal values then need far fewer bits.
+    int zeros = __builtin_ctzll(frac);
+    frac >>= zeros;
+    shift -= zeros;
+    if (shift <= 44) {
+        // frac < 2^44 and 10^6 < 2^20: the product fits 64 bits.
+        uint64_t scaled64 = frac * kMillion;
+        uint64_t q64 = scaled64 >> shift;
+        uint64_t rem64 = scaled64 & ((1ull << shift) - 1);
+        uint64_t half64 = 1ull << (shift - 1);
+        if (rem64 > half64 || (rem64 == half64 && (q64 & 1))) ++q64;
+        if (q64 == kMillion) return {whole + 1, 0};
+        return {whole, static_cast<uint32_t>(q64)};
+    }
     u128 scaled = static_cast<u128>(frac) * kMillion;
     uint64_t q = static_cast<uint64_t>(scaled >> shift);
     u128 rem = scaled & ((static_cast<u128>(1) << shift) - 1);

@@ -69,6 +69,22 @@ TEST(FormatFixed6, RandomAndNearHalfwayValuesMatchPrintf) {
     for (int k = -20000; k <= 20000; ++k) ASSERT_TRUE(SameAsPrintf(k / 128.0));
 }
 
+// Fractions of every binary width: narrow ones fit a 64-bit product with
+// 10^6, wide ones need more, and the switch between them must not show.
+TEST(FormatFixed6, FractionsOfEveryBitWidthMatchPrintf) {
+    std::mt19937_64 rng(777);
+    for (int width = 1; width <= 74; ++width) {
+        for (int i = 0; i < 2000; ++i) {
+            const int bits = width < 53 ? width : 53;
+            const uint64_t odd = (rng() & ((1ull << (bits - 1)) - 1)) << 1 | 1;
+            const double frac = std::ldexp(static_cast<double>(odd), -width);
+            const double whole = static_cast<double>(rng() >> (rng() % 64));
+            ASSERT_TRUE(SameAsPrintf(frac));
+            ASSERT_TRUE(SameAsPrintf(whole + frac));
+        }
+    }
+}
+
 TEST(FormatU64, MatchesPrintf) {
     std::mt19937_64 rng(4242);
     // clang-format off
