@@ -9,6 +9,16 @@
 
 namespace kq {
 
+// Keys and values are short: a plain scan beats a library call per string.
+static const char* PastTerminator(const char* p) {
+    while (*p) ++p;
+    return p + 1;
+}
+
+static uint64_t ShortLength(const char* p) {
+    return static_cast<uint64_t>(PastTerminator(p) - p - 1);
+}
+
 CommandInfo* CommandInfo::Create() {
     return new CommandInfo();
 }
@@ -82,14 +92,14 @@ bool CommandInfo::AppendDouble(const char* key, double value) {
     if (!key) return false;
     char text[kFixedTextSize];
     size_t n = FormatFixed6(value, text);
-    return Append(key, std::strlen(key), text, n);
+    return Append(key, ShortLength(key), text, n);
 }
 
 bool CommandInfo::AppendU64(const char* key, uint64_t value) {
     if (!key) return false;
     char text[kU64TextSize];
     size_t n = FormatU64(value, text);
-    return Append(key, std::strlen(key), text, n);
+    return Append(key, ShortLength(key), text, n);
 }
 
 const char* CommandInfo::GetValue(const char* key) const {
@@ -135,8 +145,8 @@ void CommandInfo::ForEach(ForEachFn fn, void* ctx) const {
     uint64_t pos = 0;
     for (uint64_t index = 0; pos < m_used; ++index) {
         const char* key = m_block + pos;
-        const char* value = key + std::strlen(key) + 1;
-        pos = static_cast<uint64_t>(value + std::strlen(value) + 1 - m_block);
+        const char* value = PastTerminator(key);
+        pos = static_cast<uint64_t>(PastTerminator(value) - m_block);
         fn(ctx, index, key, value);
     }
 }
