@@ -10,13 +10,10 @@
 
 namespace {
 
+using namespace j1939;
+
 constexpr uint32_t kTpCmId = 0x1CEC0000;
 constexpr uint32_t kTpDtId = 0x1CEB0000;
-constexpr uint32_t kTpCmKey = 0xEC0000;
-constexpr uint8_t kRts = 0x10;
-constexpr uint8_t kCts = 0x11;
-constexpr uint8_t kAck = 0x13;
-constexpr uint8_t kAbort = 0xFF;
 constexpr unsigned kCtsWaitMs = 1250;
 constexpr uint64_t kTransferTimeoutMs = 5000;
 constexpr unsigned kIdlePollMs = 50;

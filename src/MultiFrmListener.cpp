@@ -9,13 +9,8 @@
 
 namespace {
 
-constexpr uint32_t kTpCmKey = 0xEC0000;
-constexpr uint32_t kTpDtKey = 0xEB00;
-constexpr uint8_t kRts = 0x10;
-constexpr uint8_t kCts = 0x11;
-constexpr uint8_t kAck = 0x13;
-constexpr uint8_t kBam = 0x20;
-constexpr uint8_t kAbort = 0xFF;
+using namespace j1939;
+
 constexpr uint64_t kRtsRestartMs = 5000;
 constexpr size_t kBytesPerPacket = 7;
 

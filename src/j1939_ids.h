@@ -8,6 +8,17 @@
 
 namespace j1939 {
 
+// Group keys (in place) of the transport's connection-management and data frames.
+constexpr uint32_t kTpCmKey = 0xEC0000;
+constexpr uint32_t kTpDtKey = 0xEB00;  // key shifted down by 8
+
+// TP.CM control bytes (data byte 0).
+constexpr uint8_t kRts = 0x10;
+constexpr uint8_t kCts = 0x11;
+constexpr uint8_t kAck = 0x13;
+constexpr uint8_t kBam = 0x20;
+constexpr uint8_t kAbort = 0xFF;
+
 // Bits that make up a parameter group in place: below PDU format 240 the
 // destination byte is not part of the group, from 240 on it is.
 inline uint32_t GroupMask(uint64_t id) {
