@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "Analyser.h"
+#include "legacy/analyser.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "common/command_info.h"
 #include "common/num_text.h"
-#include "dbc.h"
-#include "dbc_coder.h"
+#include "dbc/dbc.h"
+#include "coder/dbc_coder.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include <string>
 
 #include "common/log.h"
-#include "dbc.h"
+#include "dbc/dbc.h"
 
 // ---------------------------------------------------------------------------
 // Allocation accounting

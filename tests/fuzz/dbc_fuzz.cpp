@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "common/log.h"
-#include "dbc.h"
-#include "dbc_impl.h"
+#include "dbc/dbc.h"
+#include "dbc/dbc_impl.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "Analyser.h"
+#include "legacy/analyser.h"
 #include "support/ref_packer.h"
 
 namespace atest {

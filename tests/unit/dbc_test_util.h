@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "common/log.h"
-#include "dbc.h"
-#include "dbc_impl.h"
+#include "dbc/dbc.h"
+#include "dbc/dbc_impl.h"
 
 namespace dbctest {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "common/command_info.h"
-#include "dbc_coder.h"
+#include "coder/dbc_coder.h"
 #include "support/ref_packer.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "common/command_info.h"
-#include "dbc.h"
-#include "dbc_coder.h"
+#include "dbc/dbc.h"
+#include "coder/dbc_coder.h"
 #include "support/ref_packer.h"
 
 namespace {

@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "Exchange.h"
+#include "j1939/exchange.h"
 #include "analyser_test_util.h"
 #include "support/ref_packer.h"
-#include "tarn_frame.h"
+#include "legacy/tarn_frame.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "support/ref_packer.h"
 #include "tarn.h"
-#include "tarn_frame.h"
+#include "legacy/tarn_frame.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <tuple>
 
-#include "INI.h"
+#include "legacy/ini.h"
 #include "unit/stdout_capture.h"
 
 namespace {

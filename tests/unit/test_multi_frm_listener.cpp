@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "MultiFrmListener.h"
+#include "j1939/multi_frm_listener.h"
 #include "support/ref_packer.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "INI.h"
+#include "legacy/ini.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "Analyser.h"
+#include "legacy/analyser.h"
 
 namespace {
 

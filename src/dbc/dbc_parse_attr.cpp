@@ -7,7 +7,7 @@
 
 #include "common/log.h"
 #include "common/str_utils.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 void AttrDesc::SetType(const std::string& word) {
     static const char* const kNames[] = {"INT", "HEX", "FLOAT", "STRING", "ENUM"};

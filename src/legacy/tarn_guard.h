@@ -4,8 +4,8 @@
 
 #include <exception>
 
-#include "DBCControl.h"
-#include "DBCControlSet.h"
+#include "legacy/dbc_control.h"
+#include "legacy/dbc_control_set.h"
 #include "common/log.h"
 
 namespace tarn {

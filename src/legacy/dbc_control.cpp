@@ -1,4 +1,4 @@
-#include "DBCControl.h"
+#include "legacy/dbc_control.h"
 
 #include <algorithm>
 #include <cstring>
@@ -6,8 +6,8 @@
 
 #include "common/log.h"
 #include "common/platform.h"
-#include "tarn_fd.h"
-#include "tarn_frame.h"
+#include "legacy/tarn_fd.h"
+#include "legacy/tarn_frame.h"
 
 namespace {
 

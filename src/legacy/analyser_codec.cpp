@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "Analyser.h"
+#include "legacy/analyser.h"
 #include "common/command_info.h"
 #include "common/func.h"
 

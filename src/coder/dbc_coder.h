@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "common/command_info.h"
-#include "dbc.h"
+#include "dbc/dbc.h"
 #include "tarn.h"
 
 class DBCCoder {

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "dbc.h"
-#include "dbc_coder.h"
+#include "dbc/dbc.h"
+#include "coder/dbc_coder.h"
 #include "tarn.h"
 
 class CAnalyser {

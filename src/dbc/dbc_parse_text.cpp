@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "common/log.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 bool DBCImpl::ParseCM() {
     try {

@@ -1,9 +1,9 @@
-#include "DBCControlSet.h"
+#include "legacy/dbc_control_set.h"
 
 #include <mutex>
 #include <vector>
 
-#include "DBCControl.h"
+#include "legacy/dbc_control.h"
 #include "common/log.h"
 
 // Defined together so that their construction and destruction order is fixed.

@@ -1,4 +1,4 @@
-#include "tarn_fd.h"
+#include "legacy/tarn_fd.h"
 
 #include <algorithm>
 #include <cstring>

@@ -8,7 +8,7 @@
 
 #include "common/log.h"
 #include "common/str_utils.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 bool DBCImpl::ParseBO() {
     try {

@@ -1,5 +1,5 @@
 // DBCEx: a snapshot of the messages in ascending id with a shared cursor.
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 DBCEx::DBCEx() = default;
 

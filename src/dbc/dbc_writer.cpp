@@ -4,7 +4,7 @@
 
 #include "common/file_utils.h"
 #include "common/str_utils.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 using kq::StrUtils;
 

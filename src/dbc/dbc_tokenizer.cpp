@@ -13,7 +13,7 @@
 #include "common/file_utils.h"
 #include "common/log.h"
 #include "common/str_utils.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 namespace {
 constexpr CharKindTable kCharKind = init_char_kind();

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "common/log.h"
-#include "dbc_coder.h"
+#include "coder/dbc_coder.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 namespace {
 

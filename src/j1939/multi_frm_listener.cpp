@@ -1,5 +1,5 @@
-#include "MultiFrmListener.h"
-#include "j1939_ids.h"
+#include "j1939/multi_frm_listener.h"
+#include "j1939/j1939_ids.h"
 
 #include <algorithm>
 #include <exception>

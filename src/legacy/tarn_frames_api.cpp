@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "tarn.h"
-#include "tarn_fd.h"
-#include "tarn_frame.h"
-#include "tarn_guard.h"
+#include "legacy/tarn_fd.h"
+#include "legacy/tarn_frame.h"
+#include "legacy/tarn_guard.h"
 
 using tarn::FdHeadToClassic;
 using tarn::FdToPackets;

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "common/log.h"
-#include "dbc_impl.h"
+#include "dbc/dbc_impl.h"
 
 namespace dbc_detail {
 

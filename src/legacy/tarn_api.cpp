@@ -6,8 +6,8 @@
 
 #include "common/log.h"
 #include "tarn.h"
-#include "tarn_frame.h"
-#include "tarn_guard.h"
+#include "legacy/tarn_frame.h"
+#include "legacy/tarn_guard.h"
 
 using tarn::WithControl;
 

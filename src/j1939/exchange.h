@@ -11,8 +11,8 @@
 #include <mutex>
 #include <vector>
 
-#include "Analyser.h"
-#include "MultiFrmListener.h"
+#include "legacy/analyser.h"
+#include "j1939/multi_frm_listener.h"
 #include "common/thread.h"
 #include "tarn.h"
 

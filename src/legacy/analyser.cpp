@@ -1,7 +1,7 @@
 // Translation of model messages into public records, message lookup by
 // identifier or PGN, network nodes and value tables.
-#include "Analyser.h"
-#include "j1939_ids.h"
+#include "legacy/analyser.h"
+#include "j1939/j1939_ids.h"
 
 #include <strings.h>
 

@@ -1,12 +1,12 @@
-#include "Exchange.h"
-#include "j1939_ids.h"
+#include "j1939/exchange.h"
+#include "j1939/j1939_ids.h"
 
 #include <algorithm>
 #include <chrono>
 #include <exception>
 
 #include "common/log.h"
-#include "tarn_frame.h"
+#include "legacy/tarn_frame.h"
 
 namespace {
 

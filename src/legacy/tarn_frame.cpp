@@ -1,5 +1,5 @@
 // The process-wide frame-layout switch and the SocketCAN <-> VCI conversions.
-#include "tarn_frame.h"
+#include "legacy/tarn_frame.h"
 
 #include <cstring>
 

@@ -9,9 +9,9 @@
 #include <mutex>
 #include <vector>
 
-#include "Analyser.h"
-#include "Exchange.h"
-#include "MultiFrmListener.h"
+#include "legacy/analyser.h"
+#include "j1939/exchange.h"
+#include "j1939/multi_frm_listener.h"
 #include "common/thread.h"
 #include "tarn.h"
 

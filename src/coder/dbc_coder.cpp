@@ -1,7 +1,7 @@
 // Message coder: identifier and PGN indexes, frame list decoding and
 // encoding into single frames or J1939 transport data packets.
-#include "dbc_coder.h"
-#include "j1939_ids.h"
+#include "coder/dbc_coder.h"
+#include "j1939/j1939_ids.h"
 
 #include <algorithm>
 #include <cstring>

@@ -11,7 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "dbc.h"
+#include "dbc/dbc.h"
 
 // Character classes of the scanner: 'i' identifier, 'w' blank (space, tab),
 // 0 anything else (line ends, punctuation, bytes from 0x80 up).
