@@ -1,0 +1,150 @@
+// Building the plans of an open network, and message lookup by identifier.
+#include "coder/plan.h"
+
+#include <algorithm>
+
+namespace tarn::coder {
+namespace {
+
+Kind KindOf(const net::Signal& s) {
+    if (s.type == net::ValueType::Float) return Kind::Float;
+    if (s.type == net::ValueType::Double) return Kind::Double;
+    return s.isSigned ? Kind::Signed : Kind::Unsigned;
+}
+
+uint64_t StartRaw(const net::Network& net, const net::Signal& s, const SignalPlan& p) {
+    const net::AttrValue* v = net.FindAttr(s.attrs, "GenSigStartValue");
+    if (!v || p.kind == Kind::Float || p.kind == Kind::Double) return 0;
+    if (!(v->number >= -9.2e18 && v->number <= 1.8e19)) return 0;
+    uint64_t bits = 0;
+    const bool negative = v->number < 0;
+    const uint64_t raw = negative ? static_cast<uint64_t>(static_cast<int64_t>(v->number))
+                                  : static_cast<uint64_t>(v->number);
+    return CheckRaw(p, raw, negative, bits) == TARN_OK ? bits : 0;
+}
+
+SignalPlan PlanSignal(const net::Network& net, const net::Signal& s) {
+    SignalPlan p;
+    p.factor = s.factor;
+    p.offset = s.offset;
+    p.kind = KindOf(s);
+    const uint32_t length = std::min<uint32_t>(std::max<uint32_t>(s.length, 1), 64);
+    p.field = bits::MakeField(s.startBit, length, s.bigEndian);
+    const uint64_t need = bits::BytesNeeded(p.field);
+    // A field no payload can hold never fits (and never reads out of range).
+    p.needBytes = need > 0xFFFF0000u ? 0xFFFFFFFFu : static_cast<uint32_t>(need);
+    if (s.values.count) {
+        p.texts = net.valueTexts.data() + s.values.first;
+        p.textCount = s.values.count;
+    }
+    if (s.muxValues.count == 1) {
+        const net::MuxRange& r = net.muxRanges[s.muxValues.first];
+        p.muxLow = r.low;
+        p.muxHigh = r.high;
+    } else {
+        p.muxFirst = s.muxValues.first;
+        p.muxCount = s.muxValues.count;
+    }
+    p.startRaw = StartRaw(net, s, p);
+    return p;
+}
+
+// Orders a message's switches so that each follows its own selector, and
+// gives each a slot. A switch in a selection cycle gets no slot.
+void PlanSwitches(const net::Network& net, const net::Message& m, MessagePlan& mp,
+                  SignalPlan* plans) {
+    const net::Signal* sigs = net.signals.data() + m.signals.first;
+    std::vector<uint32_t> depth(m.signals.count, 0);
+    std::vector<uint32_t> switches;
+    for (uint32_t i = 0; i < m.signals.count; ++i) {
+        if (!sigs[i].isSwitch) continue;
+        uint32_t d = 0;
+        int32_t up = sigs[i].switchIndex;
+        while (up >= 0 && d <= m.signals.count) {
+            ++d;
+            up = static_cast<uint32_t>(up) < m.signals.count ? sigs[up].switchIndex : -1;
+        }
+        if (d > m.signals.count) continue;  // cycle
+        depth[i] = d;
+        switches.push_back(i);
+    }
+    std::stable_sort(switches.begin(), switches.end(),
+                     [&](uint32_t a, uint32_t b) { return depth[a] < depth[b]; });
+    if (switches.size() > kMaxSwitches) switches.resize(kMaxSwitches);
+    for (size_t slot = 0; slot < switches.size(); ++slot)
+        plans[switches[slot]].ownSlot = static_cast<uint8_t>(slot);
+    mp.switchOrder = std::move(switches);
+    for (uint32_t i = 0; i < m.signals.count; ++i) {
+        const int32_t sw = sigs[i].switchIndex;
+        if (sw < 0) continue;
+        const bool tracked = static_cast<uint32_t>(sw) < m.signals.count &&
+                             plans[sw].ownSlot != kNoSlot;
+        plans[i].switchSlot = tracked ? plans[sw].ownSlot : kDeadSlot;
+    }
+}
+
+}  // namespace
+
+J1939Fields SplitJ1939(uint32_t id) {
+    J1939Fields f;
+    f.priority = static_cast<uint8_t>((id >> 26) & 0x7);
+    f.source = static_cast<uint8_t>(id & 0xFF);
+    const uint32_t pf = (id >> 16) & 0xFF;
+    f.pgn = (id >> 8) & 0x3FFFF;
+    if (pf < 240) {
+        f.destination = static_cast<uint8_t>(f.pgn & 0xFF);
+        f.pgn &= 0x3FF00;
+    }
+    return f;
+}
+
+void KeyTable::Build(const std::vector<std::pair<uint64_t, uint32_t>>& entries) {
+    size_t size = 16;
+    while (size < entries.size() * 2) size *= 2;
+    m_entries.assign(size, Entry{});
+    m_mask = size - 1;
+    m_shift = 64 - static_cast<uint32_t>(__builtin_ctzll(size));
+    for (const auto& [key, value] : entries) {
+        size_t i = Slot(key);
+        while (m_entries[i].key != kEmpty && m_entries[i].key != key) i = (i + 1) & m_mask;
+        if (m_entries[i].key == kEmpty) m_entries[i] = Entry{key, value};  // first one wins
+    }
+}
+
+void NetworkPlan::Build(const net::Network& net) {
+    m_j1939 = net.j1939;
+    m_muxRanges = net.muxRanges.data();
+    m_signals.clear();
+    m_signals.reserve(net.signals.size());
+    for (const net::Signal& s : net.signals) m_signals.push_back(PlanSignal(net, s));
+    m_messages.assign(net.messages.size(), MessagePlan{});
+    std::vector<std::pair<uint64_t, uint32_t>> ids, pgns;
+    for (uint32_t i = 0; i < net.messages.size(); ++i) {
+        const net::Message& m = net.messages[i];
+        MessagePlan& mp = m_messages[i];
+        mp.firstSignal = m.signals.first;
+        mp.signalCount = m.signals.count;
+        mp.length = m.length;
+        m_maxSignals = std::max(m_maxSignals, m.signals.count);
+        PlanSwitches(net, m, mp, m_signals.data() + m.signals.first);
+        ids.emplace_back(uint64_t{m.id} | (m.extended ? uint64_t{1} << 32 : 0), i);
+        if (m_j1939 && m.extended) pgns.emplace_back(SplitJ1939(m.id).pgn, i);
+    }
+    m_byId.Build(ids);
+    m_byPgn.Build(pgns);
+}
+
+int64_t NetworkPlan::FindMessage(uint32_t id, bool extended) const {
+    const int64_t exact = m_byId.Find(uint64_t{id} | (extended ? uint64_t{1} << 32 : 0));
+    if (exact >= 0 || !m_j1939 || !extended) return exact;
+    return m_byPgn.Find(SplitJ1939(id).pgn);
+}
+
+size_t NetworkPlan::BytesHeld() const {
+    size_t n = m_signals.capacity() * sizeof(SignalPlan) +
+               m_messages.capacity() * sizeof(MessagePlan);
+    for (const MessagePlan& mp : m_messages) n += mp.switchOrder.capacity() * sizeof(uint32_t);
+    return n + (m_messages.size() * 2 + 32) * 2 * 16;
+}
+
+}  // namespace tarn::coder

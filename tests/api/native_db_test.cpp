@@ -1,0 +1,274 @@
+// The native interface as a caller sees it, through libtarn.so and the C++
+// wrapper: what the legacy records could not say (texts by raw value, every
+// signal, full texts, exact long fields), errors, and sharing across threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ref_packer.h"
+#include "tarn/tarn.hpp"
+
+namespace {
+
+constexpr const char* kHeader = "VERSION \"\"\nNS_ :\nBS_:\nBU_: ECU\n";
+
+tarn::Database Open(const std::string& body, unsigned flags = 0) {
+    return tarn::Database::from_text(kHeader + body, flags);
+}
+
+// Decodes one frame and returns signal name -> value.
+struct Decoded {
+    std::map<std::string, tarn_value> values;
+    tarn_decoded result{};
+};
+Decoded Decode(const tarn::Database& db, uint32_t id, bool ext, std::vector<uint8_t> data) {
+    tarn::Decoder dec(db);
+    Decoded out;
+    if (!dec.decode(id, ext, data.data(), data.size())) return out;
+    for (const tarn_value& v : dec) out.values.emplace(dec.signal(v).name(), v);
+    out.result = dec.result();
+    return out;
+}
+
+TEST(NativeDb, ValueTextsAreKeyedByRawValue) {
+    auto db = Open(
+        "BO_ 1 M: 8 ECU\n"
+        " SG_ Temp : 0|8@1+ (0.5,15) [15|50] \"degC\" ECU\n"
+        " SG_ Mode : 8|8@1- (1,0) [-128|127] \"\" ECU\n"
+        "VAL_ 1 Temp 0 \"LO\" 26 \"HI\" ;\n"
+        "VAL_ 1 Mode -5 \"A negative value\" 3 \"three\" ;\n");
+    struct Row {
+        uint8_t temp, mode;
+        const char* tempText;
+        const char* modeText;
+    };
+    for (const Row& r : {Row{0, 0xFB, "LO", "A negative value"}, Row{26, 3, "HI", "three"},
+                         Row{22, 4, nullptr, nullptr}}) {
+        const Decoded d = Decode(db, 1, false, {r.temp, r.mode, 0, 0, 0, 0, 0, 0});
+        const tarn_value& t = d.values.at("Temp");
+        EXPECT_DOUBLE_EQ(t.physical, r.temp * 0.5 + 15);
+        EXPECT_STREQ(t.text, r.tempText);
+        EXPECT_STREQ(d.values.at("Mode").text, r.modeText);
+    }
+}
+
+TEST(NativeDb, WideMultiplexedMessageKeepsEverySignal) {
+    // 600 plain signals first, the switch last: a fixed record would drop it.
+    std::string body = "BO_ 2 Wide: 64 ECU\n";
+    for (int i = 0; i < 600; ++i)
+        body += " SG_ P" + std::to_string(i) + " : " + std::to_string(16 + i % 400) +
+                "|1@1+ (1,0) [0|1] \"\" ECU\n";
+    body += " SG_ A m1 : 8|8@1+ (1,0) [0|0] \"\" ECU\n";
+    body += " SG_ B m2 : 8|8@1+ (1,0) [0|0] \"\" ECU\n";
+    body += " SG_ Sel M : 0|8@1+ (1,0) [0|0] \"percent duty cycle\" ECU\n";
+    auto db = Open(body);
+    std::vector<uint8_t> data(64, 0);
+    data[0] = 2;
+    const Decoded d = Decode(db, 2, false, data);
+    EXPECT_EQ(d.values.size(), 602u);
+    EXPECT_TRUE(d.values.count("B"));
+    EXPECT_FALSE(d.values.count("A"));
+    EXPECT_EQ(db.find(2, false)->find_signal("Sel")->unit(), "percent duty cycle");
+}
+
+TEST(NativeDb, LongIntelFieldOffByteBoundaryIsExact) {
+    auto db = Open("BO_ 3 M: 8 ECU\n SG_ Big : 12|40@1+ (1,0) [0|0] \"\" ECU\n");
+    std::vector<uint8_t> data(8, 0);
+    refpack::Pack(data.data(), 12, 40, false, 1099511627760ull);
+    EXPECT_EQ(Decode(db, 3, false, data).values.at("Big").raw.u, 1099511627760ull);
+}
+
+TEST(NativeDb, ExtendedMultiplexingFollowsTheCascade) {
+    auto db = Open(
+        "BO_ 2147483649 Ext: 8 ECU\n"
+        " SG_ B1 m1 : 24|8@1+ (1,0) [0|0] \"\" ECU\n"
+        " SG_ A2SwB m2M : 8|8@1+ (1,0) [0|0] \"\" ECU\n"
+        " SG_ A1 m1 : 8|8@1+ (1,0) [0|0] \"\" ECU\n"
+        " SG_ SwA M : 0|8@1+ (1,0) [0|0] \"\" ECU\n"
+        "SG_MUL_VAL_ 2147483649 B1 A2SwB 1-1;\n"
+        "SG_MUL_VAL_ 2147483649 A2SwB SwA 2-2;\n"
+        "SG_MUL_VAL_ 2147483649 A1 SwA 1-1;\n");
+    struct Row {
+        std::vector<uint8_t> data;
+        std::vector<std::string> present;
+    };
+    const Row rows[] = {
+        {{1, 7, 0, 9, 0, 0, 0, 0}, {"A1", "SwA"}},
+        {{2, 1, 0, 9, 0, 0, 0, 0}, {"A2SwB", "B1", "SwA"}},
+        {{2, 2, 0, 9, 0, 0, 0, 0}, {"A2SwB", "SwA"}},
+    };
+    for (const Row& r : rows) {
+        const Decoded d = Decode(db, 1, true, r.data);
+        std::vector<std::string> names;
+        for (const auto& kv : d.values) names.push_back(kv.first);
+        EXPECT_EQ(names, r.present) << int(r.data[0]) << "/" << int(r.data[1]);
+    }
+}
+
+TEST(NativeDb, ShortFramesDecodeWhatFitsAndJ1939MatchesByPgn) {
+    auto db = Open(
+        "BO_ 2364540158 EEC1: 8 ECU\n"
+        " SG_ Torque : 16|8@1+ (1,-125) [-125|125] \"%\" ECU\n"
+        " SG_ Speed : 24|16@1+ (0.125,0) [0|8031.875] \"rpm\" ECU\n"
+        "BA_DEF_ \"ProtocolType\" STRING ;\nBA_DEF_DEF_ \"ProtocolType\" \"J1939\";\n");
+    ASSERT_TRUE(db.j1939());
+    // Same PGN 0xF004 from another source and priority.
+    const Decoded d = Decode(db, 0x0CF00417, true, {0, 0, 200, 0x80});
+    EXPECT_EQ(d.result.pgn, 0xF004u);
+    EXPECT_EQ(d.result.source, 0x17);
+    EXPECT_EQ(d.result.priority, 3);
+    EXPECT_EQ(d.result.absent, 1u);
+    ASSERT_EQ(d.values.size(), 1u);
+    EXPECT_DOUBLE_EQ(d.values.at("Torque").physical, 75);
+}
+
+TEST(NativeDb, EncodeNamesTheOffendingSignal) {
+    auto db = Open(
+        "BO_ 5 M: 4 ECU\n SG_ Rpm : 0|16@1+ (0.125,0) [0|8000] \"rpm\" ECU\n"
+        " SG_ Gear : 16|8@1- (1,0) [-1|8] \"\" ECU\n");
+    const tarn::Message m = *db.find("M");
+    EXPECT_EQ(m.encode({{"Rpm", 2000}, {"Gear", -1}}),
+              (std::vector<uint8_t>{0x80, 0x3E, 0xFF, 0x00}));
+    struct Row {
+        std::string signal;
+        double value;
+        bool strict;
+        int status;
+    };
+    for (const Row& r : {Row{"Rpm", 99999, false, TARN_ERR_RANGE},
+                         Row{"Rpm", 8001, true, TARN_ERR_RANGE},
+                         Row{"Gear", NAN, false, TARN_ERR_NOT_FINITE},
+                         Row{"Nope", 1, false, TARN_ERR_NOT_FOUND}}) {
+        try {
+            m.encode({{r.signal, r.value}}, r.strict);
+            ADD_FAILURE() << r.signal << " " << r.value;
+        } catch (const tarn::Error& e) {
+            EXPECT_EQ(e.status(), r.status);
+            EXPECT_NE(std::string(e.what()).find(r.signal), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(NativeDb, OpenFailuresAreStatusesWithReasons) {
+    struct Row {
+        std::string text;
+        unsigned flags;
+        int status;
+    };
+    const Row rows[] = {
+        {"just some text\nnot a database\n", 0, TARN_ERR_NOT_DBC},
+        {"", 0, TARN_ERR_NOT_DBC},
+        {std::string(kHeader) + "BO_ 1 M: 8 ECU\n SG_ Bad 0|8@1+ (1,0) [0|0] \"\" ECU\n",
+         TARN_OPEN_STRICT, TARN_ERR_PARSE},
+    };
+    for (const Row& r : rows) {
+        tarn_db* db = nullptr;
+        char err[128] = "";
+        EXPECT_EQ(tarn_db_open_buffer(r.text.data(), r.text.size(), r.flags, &db, err, sizeof err),
+                  r.status);
+        EXPECT_EQ(db, nullptr);
+        EXPECT_STRNE(err, "");
+    }
+    tarn_db* db = nullptr;
+    EXPECT_EQ(tarn_db_open("/nonexistent/x.dbc", 0, &db, nullptr, 0), TARN_ERR_IO);
+    EXPECT_EQ(tarn_db_open(nullptr, 0, &db, nullptr, 0), TARN_ERR_ARGUMENT);
+}
+
+TEST(NativeDb, MalformedSignalLosesOnlyItsLineAndIsReported) {
+    std::vector<std::string> logged;
+    tarn_set_log_handler(
+        [](void* user, int, const char* text) {
+            static_cast<std::vector<std::string>*>(user)->push_back(text);
+        },
+        &logged);
+    auto db = Open(
+        "BO_ 1 M: 8 ECU\n SG_ A : 0|8@1+ (1,0) [0|0] \"\" ECU\n"
+        " SG_ Bad 8|8@1+ (1,0) [0|0] \"\" ECU\n SG_ C : 16|8@1+ (1,0) [0|0] \"\" ECU\n");
+    tarn_set_log_handler(nullptr, nullptr);
+    EXPECT_EQ(db.find("M")->signals().size(), 2u);
+    const auto diags = db.diagnostics();
+    ASSERT_EQ(diags.size(), 1u);
+    EXPECT_EQ(diags[0].line, 7u);
+    EXPECT_STREQ(diags[0].section, "SG_");
+    EXPECT_EQ(logged.size(), 1u);
+}
+
+// One database, several threads, different frames: every result is what a
+// lone thread gets (run under ThreadSanitizer in CI).
+TEST(NativeDb, ThreadsShareOneDatabase) {
+    auto db = Open("BO_ 1 M: 8 ECU\n SG_ A : 0|32@1+ (1,0) [0|0] \"\" ECU\n"
+                   " SG_ B : 39|32@0+ (1,0) [0|0] \"\" ECU\n");
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            tarn::Decoder dec(db);
+            for (uint32_t i = 0; i < 20000; ++i) {
+                const uint32_t a = t * 100000 + i;
+                uint8_t data[8] = {};
+                refpack::Pack(data, 0, 32, false, a);
+                refpack::Pack(data, 39, 32, true, ~a);
+                if (!dec.decode(1, false, data, 8) || dec.size() != 2 ||
+                    dec.begin()[0].raw.u != a || dec.begin()[1].raw.u != uint32_t(~a))
+                    ++wrong;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+// Every corpus file opens; every message decodes random payloads, and what
+// decodes re-encodes to the same field bits.
+TEST(NativeDb, CorpusFilesOpenDecodeAndRoundTrip) {
+    const std::string dir = refpack::CorpusFile("");
+    if (dir.empty()) GTEST_SKIP() << "corpus not present";
+    refpack::Rng rng(11);
+    size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        const std::string ext = entry.path().extension().string();
+        if (ext != ".dbc" && ext != ".DBC") continue;
+        ++files;
+        SCOPED_TRACE(entry.path().filename().string());
+        auto db = tarn::Database::open(entry.path().string());
+        tarn::Decoder dec(db);
+        for (tarn::Message m : db.messages()) {
+            std::vector<uint8_t> data(m.length());
+            for (auto& b : data) b = static_cast<uint8_t>(rng.Next());
+            if (!dec.decode(m.id(), m.extended(), data.data(), data.size())) continue;
+            std::vector<tarn_input> in;
+            bool finite = true;
+            for (const tarn_value& v : dec) {
+                finite = finite && (!(v.flags & TARN_RAW_FLOAT) || std::isfinite(v.raw.f));
+                tarn_input i{};
+                i.signal = v.signal;
+                i.kind = (v.flags & TARN_RAW_FLOAT) ? TARN_INPUT_RAW_FLOAT : TARN_INPUT_RAW;
+                i.raw.u = v.raw.u;
+                i.physical = v.raw.f;
+                in.push_back(i);
+            }
+            if (!finite) continue;  // NaN and infinities are refused by design
+            std::vector<uint8_t> out(m.length());
+            size_t written = 0, failed = 0;
+            ASSERT_EQ(tarn_encode(m.handle(), in.data(), in.size(), 0, out.data(), out.size(),
+                                  &written, &failed),
+                      TARN_OK)
+                << m.name();
+            tarn::Decoder again(db);
+            ASSERT_TRUE(again.decode(m.id(), m.extended(), out.data(), out.size()));
+            ASSERT_EQ(again.size(), dec.size()) << m.name();
+            for (size_t k = 0; k < dec.size(); ++k)
+                EXPECT_EQ(again.begin()[k].raw.u, dec.begin()[k].raw.u) << m.name();
+        }
+    }
+    EXPECT_GT(files, 70u);
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+// Properties of the native coder against the bit-by-bit reference packer:
+// random signals of every length, both byte orders, signed, float and double,
+// at random start bits in payloads up to transfer size.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "coder/plan.h"
+#include "support/ref_packer.h"
+
+namespace {
+
+using tarn::coder::NetworkPlan;
+using tarn::net::Network;
+using tarn::net::ValueType;
+
+struct Case {
+    uint32_t length;
+    bool motorola;
+    bool isSigned;
+    ValueType type;
+    uint64_t start;
+    uint32_t payload;  // bytes
+};
+
+Case RandomCase(refpack::Rng& rng) {
+    static const uint32_t kPayloads[] = {1, 8, 12, 64, 200};
+    Case c;
+    c.type = static_cast<ValueType>(rng.Next() % 3);
+    c.length = c.type == ValueType::Float    ? 32
+               : c.type == ValueType::Double ? 64
+                                             : static_cast<uint32_t>(rng.Next() % 64) + 1;
+    c.motorola = rng.Next() & 1;
+    c.isSigned = c.type == ValueType::Integer && (rng.Next() & 1);
+    c.payload = std::max<uint32_t>(kPayloads[rng.Next() % 5], (c.length + 7) / 8);
+    const uint64_t linear = rng.Next() % (c.payload * 8 - c.length + 1);
+    c.start = c.motorola ? (linear / 8) * 8 + (7 - linear % 8) : linear;
+    return c;
+}
+
+// One message per case, each with its single signal.
+struct Fixture {
+    Network net;
+    NetworkPlan plan;
+    std::vector<Case> cases;
+
+    explicit Fixture(uint64_t seed, size_t n) {
+        refpack::Rng rng(seed);
+        for (size_t i = 0; i < n; ++i) {
+            const Case c = RandomCase(rng);
+            tarn::net::Signal s;
+            s.name = net.pool.Store("S" + std::to_string(i));
+            s.startBit = static_cast<uint32_t>(c.start);
+            s.length = c.length;
+            s.bigEndian = c.motorola;
+            s.isSigned = c.isSigned;
+            s.type = c.type;
+            s.factor = 0.5;
+            s.offset = -3;
+            tarn::net::Message m;
+            m.name = net.pool.Store("M" + std::to_string(i));
+            m.id = static_cast<uint32_t>(i);
+            m.length = c.payload;
+            m.signals = {static_cast<uint32_t>(net.signals.size()), 1};
+            net.signals.push_back(s);
+            net.messages.push_back(m);
+            cases.push_back(c);
+        }
+        net.BuildIndex();
+        plan.Build(net);
+    }
+};
+
+// What the reference says a raw field means, as the decoder should report it.
+void ExpectValue(const Case& c, uint64_t field, const tarn_value& v) {
+    if (c.type != ValueType::Integer) {
+        // Compare bit patterns: NaN payloads must survive too.
+        ASSERT_EQ(v.flags, unsigned{TARN_RAW_FLOAT});
+        if (c.type == ValueType::Double) {
+            uint64_t back;
+            std::memcpy(&back, &v.raw.f, 8);
+            EXPECT_EQ(back, field);
+        } else {
+            const float f = static_cast<float>(v.raw.f);
+            uint32_t back;
+            std::memcpy(&back, &f, 4);
+            if (!std::isnan(f)) {
+                EXPECT_EQ(back, static_cast<uint32_t>(field));
+            }
+        }
+    } else if (c.isSigned) {
+        const bool negative = (field >> (c.length - 1)) & 1;
+        const int64_t expect = negative && c.length < 64
+                                   ? -static_cast<int64_t>(refpack::Mask(c.length) - field) - 1
+                                   : static_cast<int64_t>(field);
+        ASSERT_EQ(v.flags, unsigned{TARN_RAW_SIGNED});
+        EXPECT_EQ(v.raw.i, expect);
+        EXPECT_DOUBLE_EQ(v.physical, static_cast<double>(expect) * 0.5 - 3);
+    } else {
+        ASSERT_EQ(v.flags, 0u);
+        EXPECT_EQ(v.raw.u, field);
+    }
+}
+
+TEST(NativeCoder, DecodeMatchesReferenceOnRandomSignals) {
+    Fixture fx(1, 3000);
+    refpack::Rng rng(2);
+    std::vector<uint8_t> data(256);
+    for (size_t i = 0; i < fx.cases.size(); ++i) {
+        const Case& c = fx.cases[i];
+        for (auto& b : data) b = static_cast<uint8_t>(rng.Next());
+        tarn_value v{};
+        uint32_t count = 0, absent = 0;
+        ASSERT_EQ(fx.plan.Decode(i, data.data(), c.payload, &v, 1, &count, &absent), TARN_OK);
+        ASSERT_EQ(count, 1u) << "case " << i;
+        SCOPED_TRACE("case " + std::to_string(i) + " start " + std::to_string(c.start) + " len " +
+                     std::to_string(c.length) + (c.motorola ? " motorola" : " intel"));
+        ExpectValue(c, refpack::Extract(data.data(), c.start, c.length, c.motorola), v);
+    }
+}
+
+TEST(NativeCoder, EncodeWritesExactlyTheReferenceBits) {
+    Fixture fx(3, 3000);
+    refpack::Rng rng(4);
+    for (size_t i = 0; i < fx.cases.size(); ++i) {
+        const Case& c = fx.cases[i];
+        const uint64_t field = rng.Next() & refpack::Mask(c.length);
+        tarn_input in{};
+        in.kind = TARN_INPUT_RAW;
+        in.raw.u = field;
+        if (c.isSigned && c.length < 64 && ((field >> (c.length - 1)) & 1))
+            in.raw.u = field | ~refpack::Mask(c.length);  // the same value, sign-extended
+        std::vector<uint8_t> out(c.payload), expect(c.payload);
+        size_t written = 0, failed = 0;
+        ASSERT_EQ(fx.plan.Encode(fx.net, i, &in, 1, 0, out.data(), out.size(), &written, &failed),
+                  TARN_OK)
+            << "case " << i;
+        refpack::Pack(expect.data(), c.start, c.length, c.motorola, field);
+        EXPECT_EQ(out, expect) << "case " << i;
+        EXPECT_EQ(written, c.payload);
+    }
+}
+
+TEST(NativeCoder, PhysicalRoundTripAndShortFrames) {
+    Fixture fx(5, 2000);
+    refpack::Rng rng(6);
+    for (size_t i = 0; i < fx.cases.size(); ++i) {
+        const Case& c = fx.cases[i];
+        if (c.type != ValueType::Integer || c.length > 52) continue;
+        const uint64_t field = rng.Next() & refpack::Mask(c.length);
+        std::vector<uint8_t> buf(c.payload);
+        refpack::Pack(buf.data(), c.start, c.length, c.motorola, field);
+        tarn_value v{};
+        uint32_t count = 0, absent = 0;
+        ASSERT_EQ(fx.plan.Decode(i, buf.data(), buf.size(), &v, 1, &count, &absent), TARN_OK);
+        tarn_input in{};
+        in.physical = v.physical;
+        std::vector<uint8_t> again(c.payload);
+        size_t written = 0, failed = 0;
+        ASSERT_EQ(fx.plan.Encode(fx.net, i, &in, 1, 0, again.data(), again.size(), &written,
+                                 &failed),
+                  TARN_OK);
+        EXPECT_EQ(again, buf) << "case " << i;
+        // One byte short of the field: reported absent, never read past the end.
+        const size_t need = (c.motorola ? (c.start / 8) * 8 + 7 - c.start % 8 : c.start) / 8;
+        ASSERT_EQ(fx.plan.Decode(i, buf.data(), need, &v, 1, &count, &absent), TARN_OK);
+        EXPECT_EQ(count, 0u);
+        EXPECT_EQ(absent, 1u);
+    }
+}
+
+// Values that do not fit are refused, never wrapped.
+TEST(NativeCoder, EncodeRefusesWhatDoesNotFit) {
+    Network net;
+    tarn::net::Signal s;
+    s.name = net.pool.Store("V");
+    s.length = 8;
+    s.isSigned = true;
+    s.factor = 1;
+    s.minimum = -10;
+    s.maximum = 10;
+    tarn::net::Message m;
+    m.name = net.pool.Store("M");
+    m.length = 8;
+    m.signals = {0, 1};
+    net.signals.push_back(s);
+    net.messages.push_back(m);
+    net.BuildIndex();
+    NetworkPlan plan;
+    plan.Build(net);
+    struct Row {
+        int kind;
+        int64_t raw;
+        double physical;
+        unsigned flags;
+        int expect;
+    };
+    const Row rows[] = {
+        {TARN_INPUT_RAW, 127, 0, 0, TARN_OK},
+        {TARN_INPUT_RAW, 128, 0, 0, TARN_ERR_RANGE},
+        {TARN_INPUT_RAW, -128, 0, 0, TARN_OK},
+        {TARN_INPUT_RAW, -129, 0, 0, TARN_ERR_RANGE},
+        {TARN_INPUT_PHYSICAL, 0, 127.4, 0, TARN_OK},
+        {TARN_INPUT_PHYSICAL, 0, 127.6, 0, TARN_ERR_RANGE},
+        {TARN_INPUT_PHYSICAL, 0, NAN, 0, TARN_ERR_NOT_FINITE},
+        {TARN_INPUT_PHYSICAL, 0, INFINITY, 0, TARN_ERR_NOT_FINITE},
+        {TARN_INPUT_PHYSICAL, 0, 11, 0, TARN_OK},
+        {TARN_INPUT_PHYSICAL, 0, 11, TARN_ENCODE_STRICT, TARN_ERR_RANGE},
+        {TARN_INPUT_RAW_FLOAT, 0, 1.0, 0, TARN_ERR_ARGUMENT},
+    };
+    for (const Row& r : rows) {
+        tarn_input in{};
+        in.kind = r.kind;
+        in.raw.i = r.raw;
+        in.physical = r.physical;
+        uint8_t out[8];
+        size_t written = 0, failed = 9;
+        EXPECT_EQ(plan.Encode(net, 0, &in, 1, r.flags, out, 8, &written, &failed), r.expect)
+            << r.raw << " " << r.physical;
+    }
+}
+
+}  // namespace
