@@ -100,6 +100,14 @@ TARN_NATIVE_API int tarn_db_open_buffer(const char* text, size_t size, unsigned 
 /* Frees the database and everything reached through it. NULL is ignored. */
 TARN_NATIVE_API void tarn_db_close(tarn_db* db);
 
+/* Writes the database as normalised DBC text: reading that text gives the
+ * same database, and writing it again the same bytes. *needed is the text
+ * length plus its NUL; the text is written (NUL-terminated) only when
+ * size >= *needed, else the result is TARN_ERR_BUFFER. Call with size 0 to
+ * ask for the length. */
+TARN_NATIVE_API int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size,
+                                      size_t* needed);
+
 /* ---- Diagnostics ------------------------------------------------------- */
 
 typedef struct tarn_diagnostic {

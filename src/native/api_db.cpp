@@ -3,6 +3,7 @@
 #include <new>
 #include <string>
 
+#include "dbc/network_writer.h"
 #include "native/handles.h"
 #include "native/log.h"
 
@@ -113,6 +114,19 @@ int tarn_db_open_buffer(const char* text, size_t size, unsigned flags, tarn_db**
 }
 
 void tarn_db_close(tarn_db* db) { delete db; }
+
+int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size, size_t* needed) {
+    if (!db || !needed || (!buffer && size)) return TARN_ERR_ARGUMENT;
+    try {
+        const std::string text = net::WriteDbc(db->net);
+        *needed = text.size() + 1;
+        if (size < *needed) return TARN_ERR_BUFFER;
+        std::memcpy(buffer, text.c_str(), text.size() + 1);
+        return TARN_OK;
+    } catch (const std::bad_alloc&) {
+        return TARN_ERR_NO_MEMORY;
+    }
+}
 
 size_t tarn_db_diagnostic_count(const tarn_db* db) { return db ? db->net.diagnostics.size() : 0; }
 
