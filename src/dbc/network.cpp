@@ -86,6 +86,37 @@ void HashIndex::Insert(uint64_t hash, uint32_t value) {
     ++m_used;
 }
 
+namespace {
+
+uint64_t IdKey(uint32_t id, bool extended) {
+    return id | uint64_t(extended) << 32;
+}
+
+}  // namespace
+
+void Network::IndexMessage(uint32_t message, bool byName, bool byId) {
+    const Message& m = messages[message];
+    if (byName) m_messageByName.Insert(HashText(m_messageByName.Seed(), 0, m.name), message);
+    if (byId) m_messageById.Insert(HashId(m_messageById.Seed(), IdKey(m.id, m.extended)), message);
+}
+
+void Network::IndexSignal(uint32_t message, uint32_t signal) {
+    const Range& r = messages[message].signals;
+    auto insert = [&](uint32_t s) {
+        m_signalByName.Insert(HashText(m_signalByName.Seed(), message, signals[s].name), s);
+    };
+    if (r.count == kScanSignals + 1) {
+        // The message outgrew the scan: index what it had so far.
+        for (uint32_t s = r.first; s < r.end(); ++s) insert(s);
+    } else if (r.count > kScanSignals + 1) {
+        insert(signal);
+    }
+}
+
+void Network::IndexAttrDef(uint32_t def) {
+    m_attrDefByName.Insert(HashText(m_attrDefByName.Seed(), 0, attrDefs[def].name), def);
+}
+
 void Network::BuildIndex() {
     m_messageByName.Clear();
     m_messageById.Clear();
@@ -93,24 +124,22 @@ void Network::BuildIndex() {
     m_attrDefByName.Clear();
     m_messageByName.Reserve(messages.size());
     m_messageById.Reserve(messages.size());
-    m_signalByName.Reserve(signals.size());
     m_attrDefByName.Reserve(attrDefs.size());
+    // The reader keeps the first of duplicates; so does the index.
     for (uint32_t i = 0; i < messages.size(); ++i) {
-        const Message& m = messages[i];
-        // The reader keeps the first of duplicates; so does the index.
-        if (!FindMessage(m.name))
-            m_messageByName.Insert(HashText(m_messageByName.Seed(), 0, m.name), i);
-        if (!FindMessage(m.id, m.extended))
-            m_messageById.Insert(HashId(m_messageById.Seed(), m.id | uint64_t(m.extended) << 32),
-                                 i);
-        for (uint32_t s = m.signals.first; s < m.signals.end(); ++s) {
-            if (FindSignal(m, signals[s].name) >= 0) continue;
-            m_signalByName.Insert(HashText(m_signalByName.Seed(), i, signals[s].name), s);
+        Message& m = messages[i];
+        IndexMessage(i, !FindMessage(m.name), !FindMessage(m.id, m.extended));
+        Range all = m.signals;
+        if (all.count <= kScanSignals) continue;
+        for (m.signals.count = 0; m.signals.count < all.count;) {
+            uint32_t s = all.first + m.signals.count++;
+            if (FindSignal(m, signals[s].name) == static_cast<int32_t>(s - all.first))
+                IndexSignal(i, s);
         }
+        m.signals = all;
     }
     for (uint32_t i = 0; i < attrDefs.size(); ++i) {
-        if (FindAttrDef(attrDefs[i].name) < 0)
-            m_attrDefByName.Insert(HashText(m_attrDefByName.Seed(), 0, attrDefs[i].name), i);
+        if (FindAttrDef(attrDefs[i].name) < 0) IndexAttrDef(i);
     }
 }
 
@@ -128,6 +157,12 @@ const Message* Network::FindMessage(uint32_t id, bool extended) const {
 }
 
 int32_t Network::FindSignal(const Message& msg, std::string_view name) const {
+    if (msg.signals.count <= kScanSignals) {
+        for (uint32_t i = 0; i < msg.signals.count; ++i) {
+            if (signals[msg.signals.first + i].name == name) return static_cast<int32_t>(i);
+        }
+        return -1;
+    }
     uint64_t scope = static_cast<uint64_t>(&msg - messages.data());
     int64_t i = m_signalByName.Find(HashText(m_signalByName.Seed(), scope, name), [&](uint32_t s) {
         return s >= msg.signals.first && s < msg.signals.end() && signals[s].name == name;

@@ -169,11 +169,19 @@ struct Network {
     size_t BytesHeld() const;  // approximate memory held, for benchmarks
 
   private:
+    friend class Reader;  // indexes each object as it is read
+    // A message of up to this many signals is searched by a scan, which
+    // beats hashing; a larger one is hashed.
+    static constexpr uint32_t kScanSignals = 16;
+    void IndexMessage(uint32_t message, bool byName, bool byId);
+    void IndexSignal(uint32_t message, uint32_t signal);  // after the range grew
+    void IndexAttrDef(uint32_t def);
+
     // Seeded indexes over the arrays above: crafted names or ids cannot
-    // degrade them, and signal names are found in O(1) whatever the
-    // message's size. Their keys are the arrays' own texts and ids.
+    // degrade them, and a 2,364-signal message finds a signal in O(1).
+    // Their keys are the arrays' own texts and ids.
     HashIndex m_messageByName;
-    HashIndex m_messageById;
+    HashIndex m_messageById;   // keyed by id | extended << 32
     HashIndex m_signalByName;  // keyed by (message index, signal name)
     HashIndex m_attrDefByName;
 };

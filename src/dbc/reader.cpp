@@ -116,6 +116,7 @@ ReadStatus Reader::Run(std::string_view text) {
     m_begin = text.data();
     m_end = m_begin + text.size();
     m_noQuoteAfter = m_end;
+    ReserveForText();
     const char* p = m_begin;
     while (p < m_end && !m_stop) {
         p = SkipSpaces(p, m_end);
@@ -172,6 +173,22 @@ ReadStatus Reader::Run(std::string_view text) {
     if (m_stop) return ReadStatus::Strict;
     Finish();
     return m_stop ? ReadStatus::Strict : ReadStatus::Ok;
+}
+
+// Messages and signals are most of the model: sizing their arrays from a
+// quick count of BO_ and SG_ lines saves growing and trimming them.
+void Reader::ReserveForText() {
+    size_t messages = 0, signals = 0;
+    for (const char* p = m_begin; p < m_end; p = LineEnd(p, m_end) + 1) {
+        p = SkipSpaces(p, m_end);
+        if (m_end - p < 4 || p[2] != '_' || p[3] != ' ') continue;
+        messages += p[0] == 'B' && p[1] == 'O';
+        signals += p[0] == 'S' && p[1] == 'G';
+    }
+    m_net.messages.reserve(messages);
+    m_net.signals.reserve(signals);
+    m_muxPending.reserve(signals);
+    m_muxExtended.reserve(signals);
 }
 
 void Reader::Parse(Section section, Cursor& c) {
@@ -309,24 +326,32 @@ std::string_view Reader::Text(const QuotedText& q) {
 // One pooled copy per distinct name: node names recur in every signal's
 // receivers, and diagnostics repeat their reasons.
 std::string_view Reader::Intern(std::string_view name) {
+    // A small cache in front of the hash: receiver lists repeat the same
+    // few names thousands of times.
+    size_t slot = name.empty() ? 0
+                               : (name.size() * 31 + static_cast<unsigned char>(name.back()) * 7 +
+                                  static_cast<unsigned char>(name[name.size() / 2])) %
+                                     kInternCache;
+    if (m_internCache[slot] == name) return m_internCache[slot];
     uint64_t h = HashText(m_internIndex.Seed(), 0, name);
     int64_t i = m_internIndex.Find(h, [&](uint32_t k) { return m_interned[k] == name; });
-    if (i >= 0) return m_interned[static_cast<size_t>(i)];
-    m_internIndex.Insert(h, static_cast<uint32_t>(m_interned.size()));
-    m_interned.push_back(m_net.pool.Store(name));
-    return m_interned.back();
+    if (i < 0) {
+        i = static_cast<int64_t>(m_interned.size());
+        m_internIndex.Insert(h, static_cast<uint32_t>(i));
+        m_interned.push_back(m_net.pool.Store(name));
+    }
+    return m_internCache[slot] = m_interned[static_cast<size_t>(i)];
 }
 
 int64_t Reader::MessageByRawId(uint64_t rawId) const {
-    return m_messageById.Find(HashId(m_messageById.Seed(), rawId), [&](uint32_t m) {
-        const Message& msg = m_net.messages[m];
-        return (msg.id | (msg.extended ? 0x80000000u : 0u)) == rawId;
-    });
+    const Message* m = m_net.FindMessage(rawId & 0x7FFFFFFFu, (rawId & 0x80000000u) != 0);
+    return m ? m - m_net.messages.data() : -1;
 }
 
 int64_t Reader::SignalIn(uint32_t message, std::string_view name) const {
-    return m_signalByName.Find(HashText(m_signalByName.Seed(), message, name),
-                               [&](uint32_t s) { return m_net.signals[s].name == name; });
+    const Message& m = m_net.messages[message];
+    int32_t s = m_net.FindSignal(m, name);
+    return s < 0 ? -1 : int64_t(m.signals.first) + s;
 }
 
 int64_t Reader::NodeByName(std::string_view name) const {
@@ -335,8 +360,7 @@ int64_t Reader::NodeByName(std::string_view name) const {
 }
 
 int64_t Reader::AttrDefByName(std::string_view name) const {
-    return m_defByName.Find(HashText(m_defByName.Seed(), 0, name),
-                            [&](uint32_t d) { return m_net.attrDefs[d].name == name; });
+    return m_net.FindAttrDef(name);
 }
 
 // "<id>" naming a loaded message, as in CM_ BO_, VAL_ and BA_ lines.

@@ -65,6 +65,7 @@ class Reader {
     bool StartsSection(const char* lineStart) const;
     const char* SkipNamespaceList(const char* from);
     const char* NodeListEnd(const char* eol);
+    void ReserveForText();
     void Parse(Section section, Cursor& c);
     void Finish();
     void ResolveMessageMux(uint32_t message);
@@ -130,17 +131,16 @@ class Reader {
     int64_t m_openMessage = -1;
     bool m_skipMessage = false;
 
-    HashIndex m_messageById;
-    HashIndex m_messageByName;
-    HashIndex m_signalByName;
     HashIndex m_nodeByName;
-    HashIndex m_defByName;
     HashIndex m_tableByName;
     HashIndex m_enumByText;  // keyed by (definition, text), values index names
+    static constexpr size_t kInternCache = 64;
     HashIndex m_internIndex;
     std::vector<std::string_view> m_interned;
-    std::vector<uint8_t> m_muxPending;   // per signal: plain "mN" not yet tied to a switch
-    std::vector<uint8_t> m_muxExtended;  // per signal: set by SG_MUL_VAL_
+    std::string_view m_internCache[kInternCache];
+    std::vector<uint32_t> m_muxMessages;  // messages with a plain "mN" signal
+    std::vector<uint8_t> m_muxPending;    // per signal: plain "mN" not yet tied to a switch
+    std::vector<uint8_t> m_muxExtended;   // per signal: set by SG_MUL_VAL_
     std::vector<PendingAttr> m_attrs;
     std::vector<PendingSender> m_senders;
     std::vector<std::string_view> m_netComments;

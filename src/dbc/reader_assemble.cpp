@@ -20,12 +20,11 @@ void TrimSlack(std::vector<T>& v) {
 }  // namespace
 
 void Reader::Finish() {
-    for (uint32_t m = 0; m < m_net.messages.size(); ++m) ResolveMessageMux(m);
+    for (uint32_t m : m_muxMessages) ResolveMessageMux(m);
     AppendSenders();
     GroupAttributes();
     JoinNetworkComments();
     Trim();
-    m_net.BuildIndex();
     const AttrValue* protocol = m_net.FindAttr(m_net.attrs, "ProtocolType");
     m_net.j1939 = m_options.j1939 || (protocol && protocol->text == "J1939");
     std::stable_sort(m_net.diagnostics.begin(), m_net.diagnostics.end(),

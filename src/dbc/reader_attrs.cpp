@@ -79,7 +79,7 @@ void Reader::ParseAttrDef(Cursor& c) {
     uint32_t index = static_cast<uint32_t>(m_net.attrDefs.size());
     d.name = Text(name);
     m_net.attrDefs.push_back(d);
-    m_defByName.Insert(HashText(m_defByName.Seed(), 0, d.name), index);
+    m_net.IndexAttrDef(index);
     for (uint32_t i = 0; i < d.enums.count; ++i) {
         std::string_view text = m_net.names[d.enums.first + i];
         if (EnumIndex(index, text) < 0)

@@ -60,11 +60,8 @@ void Reader::ParseMessage(Cursor& c) {
         return (void)Fail("message id " + std::to_string(rawId) + " is already used by " +
                           std::string(m_net.messages[static_cast<size_t>(twin)].name));
     }
-    uint64_t nameHash = HashText(m_messageByName.Seed(), 0, name);
-    if (m_messageByName.Find(nameHash,
-                             [&](uint32_t m) { return m_net.messages[m].name == name; }) >= 0) {
+    if (m_net.FindMessage(name))
         return (void)Fail("message name " + std::string(name) + " is already used");
-    }
     Message m;
     m.name = m_net.pool.Store(name);
     m.id = rawId & 0x7FFFFFFFu;
@@ -79,8 +76,7 @@ void Reader::ParseMessage(Cursor& c) {
     m.line = m_line;
     uint32_t index = static_cast<uint32_t>(m_net.messages.size());
     m_net.messages.push_back(m);
-    m_messageById.Insert(HashId(m_messageById.Seed(), rawId), index);
-    m_messageByName.Insert(nameHash, index);
+    m_net.IndexMessage(index, true, true);
     m_openMessage = index;
     m_skipMessage = false;
 }
@@ -103,10 +99,12 @@ void Reader::ParseSignal(Cursor& c) {
     Message& msg = m_net.messages[message];
     uint32_t index = static_cast<uint32_t>(m_net.signals.size());
     m_net.signals.push_back(s);
-    m_signalByName.Insert(HashText(m_signalByName.Seed(), message, s.name), index);
-    m_muxPending.push_back(s.switchIndex == -2);
-    m_muxExtended.push_back(0);
     ++msg.signals.count;
+    m_net.IndexSignal(message, index);
+    m_muxPending.push_back(s.switchIndex == -2);
+    if (s.switchIndex == -2 && (m_muxMessages.empty() || m_muxMessages.back() != message))
+        m_muxMessages.push_back(message);
+    m_muxExtended.push_back(0);
 }
 
 // name [mux] : start|length@order sign (factor,offset) [min|max] "unit" receivers

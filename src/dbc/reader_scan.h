@@ -103,6 +103,10 @@ struct Cursor {
     bool Double(double& v) {
         SkipBlanks();
         const char* b = p + (p < end && *p == '+' && p + 1 < end && *(p + 1) != '-');
+        if (const char* q = ShortDecimal(b, v)) {
+            p = q;
+            return true;
+        }
         auto r = std::from_chars(b, end, v);
         if (r.ec == std::errc::result_out_of_range)
             v = Saturated(b, r.ptr);
@@ -136,6 +140,34 @@ struct Cursor {
     }
 
   private:
+    // The common "-0.03125" or "100": at most 15 digits and no exponent. The
+    // digits as an integer and the power of ten are both exact doubles, so
+    // one division rounds correctly, the same value from_chars gives.
+    // Anything else returns nullptr and goes to from_chars.
+    const char* ShortDecimal(const char* b, double& v) const {
+        static constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                            1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+        const char* q = b + (b < end && *b == '-');
+        uint64_t digits = 0;
+        int count = 0, fraction = -1;
+        for (; q < end; ++q) {
+            if (*q >= '0' && *q <= '9') {
+                digits = digits * 10 + static_cast<uint64_t>(*q - '0');
+                ++count;
+                if (fraction >= 0) ++fraction;
+            } else if (*q == '.' && fraction < 0) {
+                fraction = 0;
+            } else {
+                break;
+            }
+        }
+        if (count == 0 || count > 15 || fraction == 0 || (q < end && (IsWord(*q) || *q == '.')))
+            return nullptr;
+        double d = static_cast<double>(digits);
+        if (fraction > 0) d /= kPow10[fraction];
+        v = *b == '-' ? -d : d;
+        return q;
+    }
     // from_chars leaves a number beyond double's range unset; real files
     // write such limits (1e+481), which mean "unbounded": infinity or zero.
     static double Saturated(const char* b, const char* e) {
