@@ -166,6 +166,13 @@ ReadStatus Reader::Run(std::string_view text) {
         m_line += newlines;
         p = stop < m_end && *stop == ';' ? stop + 1 : stop;
     }
+    // Strict mode may have stopped before the first section: a later one
+    // still makes the text a DBC.
+    while (!m_sawSection && p < m_end) {
+        const char* eol = LineEnd(p, m_end);
+        m_sawSection = StartsSection(p);
+        p = eol + 1;
+    }
     if (!m_sawSection) {
         m_net.diagnostics.clear();
         return ReadStatus::NotDbc;
@@ -237,19 +244,8 @@ const char* Reader::StatementEnd(const char* from, uint32_t& newlines, bool& unt
             if (StartsSection(q + 1)) return q + 1;
         } else if (c == '"') {
             uint32_t inside = 0;
-            const char* close = q + 1;
-            if (q < m_noQuoteAfter) {
-                for (; close < m_end && *close != '"'; ++close) {
-                    if (*close == '\\' && close + 1 < m_end) ++close;
-                    inside += *close == '\n';
-                }
-            } else {
-                close = m_end;
-            }
-            if (close == m_end) {
-                // No quote closes past q, so none closes past a later quote:
-                // remembering that keeps hostile input linear.
-                m_noQuoteAfter = std::min(m_noQuoteAfter, q);
+            const char* close = QuoteEnd(q, inside);
+            if (!close) {
                 unterminated = true;
                 return LineEnd(q, m_end);
             }
@@ -258,6 +254,29 @@ const char* Reader::StatementEnd(const char* from, uint32_t& newlines, bool& unt
         }
     }
     return m_end;
+}
+
+// The quote that closes the one at `open`, or nullptr. A text may span
+// lines, but not into a line that starts with a section keyword such as
+// "BO_" or "CM_": that is a quote left open, which must not swallow the
+// sections after it.
+const char* Reader::QuoteEnd(const char* open, uint32_t& newlines) {
+    if (open >= m_noQuoteAfter) return nullptr;
+    for (const char* q = open + 1; q < m_end; ++q) {
+        if (*q == '"') return q;
+        if (*q == '\\' && q + 1 < m_end) ++q;
+        if (*q == '\n') {
+            ++newlines;
+            const char* b = SkipSpaces(q + 1, m_end);
+            std::string_view word = FirstWord(b, m_end);
+            if (!word.empty() && word.back() == '_' && Classify(word) != Section::None)
+                return nullptr;
+        }
+    }
+    // No quote closes past `open`, so none closes past a later quote either:
+    // remembering that keeps input full of open quotes linear.
+    m_noQuoteAfter = open;
+    return nullptr;
 }
 
 bool Reader::StartsSection(const char* lineStart) const {

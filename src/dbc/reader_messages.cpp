@@ -141,7 +141,8 @@ bool Reader::ParseSignalBody(Cursor& c, Signal& s) {
 // "M" (a switch), "mN" (selected by switch value N) or "mNM" (both), then ':'.
 bool Reader::ParseMuxIndicator(Cursor& c, Signal& s) {
     std::string_view word = c.Word();
-    if (word.empty()) return Fail("expected ':' after the signal name");
+    if (word.empty() || (word[0] != 'm' && word[0] != 'M'))
+        return Fail("expected ':' after the signal name");
     std::string_view w = word;
     if (w.back() == 'M') {
         s.isSwitch = true;
