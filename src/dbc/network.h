@@ -11,8 +11,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
+
+#include "dbc/hash_index.h"
 
 namespace tarn::net {
 
@@ -26,11 +27,11 @@ struct Range {
 // Append-only text storage. Every stored text is followed by a NUL byte and
 // never moves, so string_views into it stay valid for the pool's lifetime.
 class TextPool {
-public:
+  public:
     std::string_view Store(std::string_view text);
     size_t BytesHeld() const { return m_held; }
 
-private:
+  private:
     std::vector<std::unique_ptr<char[]>> m_blocks;
     char* m_free = nullptr;
     size_t m_left = 0;
@@ -96,11 +97,11 @@ struct Signal {
     // for a signal present in every frame. `muxValues` lists the switch
     // values that select it: the N of "mN", or the ranges of SG_MUL_VAL_.
     int32_t switchIndex = -1;
-    Range muxValues;   // into Network::muxRanges
-    Range receivers;   // into Network::names
-    Range values;      // into Network::valueTexts, sorted by raw value
-    Range attrs;       // into Network::attrValues
-    uint32_t line = 0; // line of its SG_ in the source
+    Range muxValues;    // into Network::muxRanges
+    Range receivers;    // into Network::names
+    Range values;       // into Network::valueTexts, sorted by raw value
+    Range attrs;        // into Network::attrValues
+    uint32_t line = 0;  // line of its SG_ in the source
 };
 
 struct Message {
@@ -109,9 +110,9 @@ struct Message {
     uint32_t id = 0;  // without the extended flag
     bool extended = false;
     uint32_t length = 0;  // declared payload bytes
-    Range senders;  // into Network::names: the BO_ transmitter, then BO_TX_BU_ ones
-    Range signals;  // into Network::signals, file order
-    Range attrs;    // into Network::attrValues
+    Range senders;        // into Network::names: the BO_ transmitter, then BO_TX_BU_ ones
+    Range signals;        // into Network::signals, file order
+    Range attrs;          // into Network::attrValues
     uint32_t line = 0;
 };
 
@@ -167,10 +168,22 @@ struct Network {
     void BuildIndex();
     size_t BytesHeld() const;  // approximate memory held, for benchmarks
 
-private:
-    std::unordered_map<std::string_view, uint32_t> m_messageByName;
-    std::unordered_map<uint64_t, uint32_t> m_messageById;
-    std::unordered_map<std::string_view, uint32_t> m_attrDefByName;
+  private:
+    friend class Reader;  // indexes each object as it is read
+    // A message of up to this many signals is searched by a scan, which
+    // beats hashing; a larger one is hashed.
+    static constexpr uint32_t kScanSignals = 16;
+    void IndexMessage(uint32_t message, bool byName, bool byId);
+    void IndexSignal(uint32_t message, uint32_t signal);  // after the range grew
+    void IndexAttrDef(uint32_t def);
+
+    // Seeded indexes over the arrays above: crafted names or ids cannot
+    // degrade them, and a 2,364-signal message finds a signal in O(1).
+    // Their keys are the arrays' own texts and ids.
+    HashIndex m_messageByName;
+    HashIndex m_messageById;   // keyed by id | extended << 32
+    HashIndex m_signalByName;  // keyed by (message index, signal name)
+    HashIndex m_attrDefByName;
 };
 
 struct ReadOptions {

@@ -1,0 +1,181 @@
+// Read speed and memory of the native DBC reader (tarn::net::Read) on the
+// generated 5 MB file and on the largest public corpus file, plus a
+// scaling check on one message with many signals.
+//
+// Memory is reported as multiples of the file size: `held_x` is the heap
+// an open Network keeps (malloc's count, containers included) and
+// `bytes_held_x` what Network::BytesHeld says; `peak_rss_x` is the growth
+// of the process's peak resident size during one ReadFile, file text
+// included.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/stat.h>
+
+#include <dirent.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "dbc/network.h"
+
+namespace {
+
+using tarn::net::Network;
+using tarn::net::ReadOptions;
+using tarn::net::ReadStatus;
+
+int64_t FileSize(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
+}
+
+std::string Slurp(const std::string& path) {
+    std::string text(static_cast<size_t>(std::max<int64_t>(FileSize(path), 0)), '\0');
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return std::string();
+    text.resize(std::fread(&text[0], 1, text.size(), f));
+    std::fclose(f);
+    return text;
+}
+
+std::string LargestCorpusFile() {
+    std::string best, dir = TARN_CORPUS_DIR;
+    int64_t bestSize = -1;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            std::string name = e->d_name, path = dir + "/" + name;
+            bool dbc = name.size() > 4 && (name.compare(name.size() - 4, 4, ".dbc") == 0 ||
+                                           name.compare(name.size() - 4, 4, ".DBC") == 0);
+            if (dbc && FileSize(path) > bestSize) {
+                best = path;
+                bestSize = FileSize(path);
+            }
+        }
+        closedir(d);
+    }
+    return best;
+}
+
+// Made once per machine by the shared generator and reused by later runs.
+const std::string& GeneratedFile() {
+    static const std::string path = [] {
+        std::string tool = std::string(TARN_SHARED_DIR) + "/tools/gen_synthetic_dbc.py";
+        std::string dir = "/tmp/tarn_bench_dbc", out = dir + "/synthetic_seed1.dbc";
+        if (FileSize(out) > 0) return out;
+        if (FileSize(tool) <= 0) return std::string();
+        mkdir(dir.c_str(), 0755);
+        std::string cmd = "python3 '" + tool + "' '" + out +
+                          ".tmp' --seed 1 >/dev/null 2>&1 && mv '" + out + ".tmp' '" + out + "'";
+        return std::system(cmd.c_str()) == 0 && FileSize(out) > 0 ? out : std::string();
+    }();
+    return path;
+}
+
+void ReadFromMemory(benchmark::State& state, const std::string& path) {
+    std::string text = path.empty() ? std::string() : Slurp(path);
+    if (text.empty()) {
+        state.SkipWithError("input missing: no corpus, or python3 or the generator is missing");
+        return;
+    }
+    size_t signals = 0;
+    for (auto _ : state) {
+        auto net = std::make_unique<Network>();
+        if (tarn::net::Read(text, ReadOptions{}, *net) != ReadStatus::Ok) {
+            state.SkipWithError("read failed");
+            return;
+        }
+        signals = net->signals.size();
+        state.PauseTiming();  // tearing the model down is not part of a read
+        net.reset();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+    state.counters["signals"] = static_cast<double>(signals);
+    state.SetLabel(path.substr(path.find_last_of('/') + 1));
+}
+
+void BM_NativeReadGenerated(benchmark::State& state) {
+    ReadFromMemory(state, GeneratedFile());
+}
+
+void BM_NativeReadLargestCorpusFile(benchmark::State& state) {
+    ReadFromMemory(state, LargestCorpusFile());
+}
+
+size_t HeapInUse() {
+    struct mallinfo2 mi = mallinfo2();
+    return mi.uordblks + mi.hblkhd;
+}
+
+// VmRSS or VmHWM of this process, in bytes.
+int64_t StatusBytes(const char* key) {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, std::strlen(key), key) == 0)
+            return std::atoll(line.c_str() + std::strlen(key) + 1) * 1024;
+    }
+    return -1;
+}
+
+void ResetPeakRss() {
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+void BM_NativeMemoryGenerated(benchmark::State& state) {
+    const std::string& path = GeneratedFile();
+    if (path.empty()) {
+        state.SkipWithError("python3 or the generator tool is missing");
+        return;
+    }
+    double size = static_cast<double>(FileSize(path));
+    double held = 0, bytesHeld = 0, peak = 0;
+    for (auto _ : state) {
+        malloc_trim(0);
+        size_t heapBefore = HeapInUse();
+        ResetPeakRss();
+        int64_t rssBefore = StatusBytes("VmRSS:");
+        Network net;
+        tarn::net::ReadFile(path, ReadOptions{}, net);
+        peak = static_cast<double>(StatusBytes("VmHWM:") - rssBefore);
+        held = static_cast<double>(HeapInUse() - heapBefore);
+        bytesHeld = static_cast<double>(net.BytesHeld());
+    }
+    state.counters["held_x"] = held / size;
+    state.counters["bytes_held_x"] = bytesHeld / size;
+    state.counters["peak_rss_x"] = peak / size;
+    state.counters["file_MB"] = size / 1e6;
+}
+
+// One message with N signals, each with a comment, value texts and an
+// attribute: the cost per signal must not grow with N.
+void BM_NativeReadWideMessage(benchmark::State& state) {
+    std::string head = "VERSION \"\"\nBA_DEF_ SG_ \"A\" INT 0 9;\nBO_ 1 Wide: 8 X\n", tail;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        std::string n = "Sig" + std::to_string(i);
+        head += " SG_ " + n + " m" + std::to_string(i) + " : 8|8@1+ (1,0) [0|255] \"\" X\n";
+        tail += "CM_ SG_ 1 " + n + " \"c\";\nVAL_ 1 " + n + " 1 \"one\" 0 \"zero\";\n";
+        tail += "BA_ \"A\" SG_ 1 " + n + " 3;\n";
+    }
+    std::string text = head + " SG_ S M : 0|8@1+ (1,0) [0|255] \"\" X\n" + tail;
+    for (auto _ : state) {
+        Network net;
+        benchmark::DoNotOptimize(tarn::net::Read(text, ReadOptions{}, net));
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+}  // namespace
+
+BENCHMARK(BM_NativeReadGenerated)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NativeReadLargestCorpusFile)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NativeMemoryGenerated)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_NativeReadWideMessage)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
