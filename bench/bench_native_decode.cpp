@@ -30,7 +30,8 @@ std::string Dbc() {
         t += "VAL_ 291 S" + std::to_string(s) + " 0 \"zero\" 1 \"one\" 5 \"five\" ;\n";
     t += "BO_ 512 Ten: 8 ECU\n";
     for (int s = 0; s < 10; ++s)
-        t += " SG_ T" + std::to_string(s) + " : " + std::to_string(s * 6) + "|6@1+ (2,1) [0|0] \"\" ECU\n";
+        t += " SG_ T" + std::to_string(s) + " : " + std::to_string(s * 6) +
+             "|6@1+ (2,1) [0|0] \"\" ECU\n";
     return t;
 }
 
@@ -38,7 +39,8 @@ struct Db {
     tarn_db* db = nullptr;
     Db() {
         const std::string text = Dbc();
-        if (tarn_db_open_buffer(text.data(), text.size(), 0, &db, nullptr, 0) != TARN_OK) db = nullptr;
+        if (tarn_db_open_buffer(text.data(), text.size(), 0, &db, nullptr, 0) != TARN_OK)
+            db = nullptr;
     }
     ~Db() { tarn_db_close(db); }
 };

@@ -33,19 +33,19 @@ extern "C" {
 
 typedef enum tarn_status {
     TARN_OK = 0,
-    TARN_ERR_ARGUMENT = -1,    /* a null pointer, bad length or unknown flag */
-    TARN_ERR_NO_MEMORY = -2,   /* an allocation failed */
-    TARN_ERR_IO = -3,          /* a file could not be opened or read */
-    TARN_ERR_NOT_DBC = -4,     /* the input has no DBC section at all */
-    TARN_ERR_PARSE = -5,       /* strict open: the first problem found */
-    TARN_ERR_TOO_LARGE = -6,   /* input of 2 GiB or more */
-    TARN_ERR_NOT_FOUND = -7,   /* no message or signal with that identity */
-    TARN_ERR_RANGE = -8,       /* a value does not fit its signal */
-    TARN_ERR_NOT_FINITE = -9,  /* NaN or an infinity where a number is needed */
-    TARN_ERR_BUFFER = -10,     /* the caller's buffer is too small */
-    TARN_ERR_MULTIPLEX = -11,  /* a signal the multiplexer value does not select */
-    TARN_ERR_STATE = -12,      /* the object cannot do that now */
-    TARN_ERR_PROTOCOL = -13    /* a frame breaks the transport protocol */
+    TARN_ERR_ARGUMENT = -1,   /* a null pointer, bad length or unknown flag */
+    TARN_ERR_NO_MEMORY = -2,  /* an allocation failed */
+    TARN_ERR_IO = -3,         /* a file could not be opened or read */
+    TARN_ERR_NOT_DBC = -4,    /* the input has no DBC section at all */
+    TARN_ERR_PARSE = -5,      /* strict open: the first problem found */
+    TARN_ERR_TOO_LARGE = -6,  /* input of 2 GiB or more */
+    TARN_ERR_NOT_FOUND = -7,  /* no message or signal with that identity */
+    TARN_ERR_RANGE = -8,      /* a value does not fit its signal */
+    TARN_ERR_NOT_FINITE = -9, /* NaN or an infinity where a number is needed */
+    TARN_ERR_BUFFER = -10,    /* the caller's buffer is too small */
+    TARN_ERR_MULTIPLEX = -11, /* a signal the multiplexer value does not select */
+    TARN_ERR_STATE = -12,     /* the object cannot do that now */
+    TARN_ERR_PROTOCOL = -13   /* a frame breaks the transport protocol */
 } tarn_status;
 
 /* A static English text for any status value; never NULL. */
@@ -105,8 +105,7 @@ TARN_NATIVE_API void tarn_db_close(tarn_db* db);
  * length plus its NUL; the text is written (NUL-terminated) only when
  * size >= *needed, else the result is TARN_ERR_BUFFER. Call with size 0 to
  * ask for the length. */
-TARN_NATIVE_API int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size,
-                                      size_t* needed);
+TARN_NATIVE_API int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size, size_t* needed);
 
 /* ---- Diagnostics ------------------------------------------------------- */
 
@@ -123,15 +122,15 @@ TARN_NATIVE_API int tarn_db_diagnostic(const tarn_db* db, size_t index, tarn_dia
 /* ---- Network, nodes and messages -------------------------------------- */
 
 typedef struct tarn_db_info {
-    const char* version;   /* VERSION text, "" when none */
-    const char* comment;   /* network comment, "" when none */
+    const char* version; /* VERSION text, "" when none */
+    const char* comment; /* network comment, "" when none */
     size_t message_count;
     size_t node_count;
     size_t attr_def_count;
-    size_t attr_count;     /* the network's own attribute values */
+    size_t attr_count; /* the network's own attribute values */
     size_t value_table_count;
-    uint32_t max_signals;  /* most signals of any message: a safe tarn_value capacity */
-    int j1939;             /* 1 when J1939 rules apply */
+    uint32_t max_signals; /* most signals of any message: a safe tarn_value capacity */
+    int j1939;            /* 1 when J1939 rules apply */
 } tarn_db_info;
 
 TARN_NATIVE_API int tarn_db_get_info(const tarn_db* db, tarn_db_info* out);
@@ -161,12 +160,12 @@ TARN_NATIVE_API int tarn_db_find_message_by_pgn(const tarn_db* db, uint32_t pgn,
 typedef struct tarn_message_info {
     const char* name;
     const char* comment;
-    uint32_t id;          /* without flag bits */
+    uint32_t id; /* without flag bits */
     int extended;
-    uint32_t length;      /* declared payload bytes */
-    uint32_t index;       /* position in file order */
+    uint32_t length; /* declared payload bytes */
+    uint32_t index;  /* position in file order */
     size_t signal_count;
-    size_t sender_count;  /* the BO_ transmitter first, then BO_TX_BU_ ones */
+    size_t sender_count; /* the BO_ transmitter first, then BO_TX_BU_ ones */
     size_t attr_count;
     int32_t cycle_time_ms; /* GenMsgCycleTime, -1 when not declared */
     int multiplexed;       /* 1 when any signal is multiplexed */
@@ -197,13 +196,13 @@ typedef struct tarn_signal_info {
     uint32_t length;    /* 1..64 bits */
     int big_endian;     /* Motorola byte order */
     int is_signed;
-    int value_type;     /* tarn_value_type */
+    int value_type; /* tarn_value_type */
     double factor, offset, minimum, maximum;
     int is_switch;          /* a multiplexer switch */
     int32_t switch_index;   /* index of the switch that selects it, -1 when always present */
     size_t mux_range_count; /* switch value ranges that select it */
     size_t receiver_count;
-    size_t value_count;     /* value-table entries */
+    size_t value_count; /* value-table entries */
     size_t attr_count;
 } tarn_signal_info;
 
@@ -236,8 +235,8 @@ typedef enum tarn_attr_type {
 
 typedef struct tarn_attr_def {
     const char* name;
-    int object;        /* tarn_attr_object */
-    int type;          /* tarn_attr_type */
+    int object; /* tarn_attr_object */
+    int type;   /* tarn_attr_type */
     double minimum, maximum;
     size_t enum_count; /* ENUM: its texts through tarn_db_attr_enum() */
     int has_default;
@@ -280,22 +279,22 @@ enum {
 
 /* One decoded signal: 32 bytes, no pointers to free. */
 typedef struct tarn_value {
-    uint32_t signal;    /* index of the signal within its message */
-    uint32_t flags;     /* TARN_RAW_* */
+    uint32_t signal; /* index of the signal within its message */
+    uint32_t flags;  /* TARN_RAW_* */
     union {
         uint64_t u;
         int64_t i;
         double f;
     } raw;
-    double physical;    /* raw * factor + offset */
-    const char* text;   /* value-table text of the raw value, NULL when none */
+    double physical;  /* raw * factor + offset */
+    const char* text; /* value-table text of the raw value, NULL when none */
 } tarn_value;
 
 /* What tarn_decode() found besides the values. */
 typedef struct tarn_decoded {
     const tarn_message* message;
-    uint32_t count;    /* values written */
-    uint32_t absent;   /* selected signals that did not fit a short frame */
+    uint32_t count;  /* values written */
+    uint32_t absent; /* selected signals that did not fit a short frame */
     /* J1939 databases: fields of the frame's identifier; 0 otherwise. */
     uint32_t pgn;
     uint8_t priority;
@@ -316,18 +315,17 @@ TARN_NATIVE_API int tarn_decode(const tarn_db* db, uint32_t id, int extended, co
                                 tarn_decoded* out);
 
 /* As tarn_decode, for a message already looked up. */
-TARN_NATIVE_API int tarn_decode_message(const tarn_message* msg, const uint8_t* data,
-                                        size_t length, tarn_value* values, size_t capacity,
-                                        tarn_decoded* out);
+TARN_NATIVE_API int tarn_decode_message(const tarn_message* msg, const uint8_t* data, size_t length,
+                                        tarn_value* values, size_t capacity, tarn_decoded* out);
 
 /* A frame in caller memory, for the batch call. */
 typedef struct tarn_frame {
-    double time;       /* seconds; carried through, not interpreted */
-    uint32_t id;       /* without flag bits */
+    double time; /* seconds; carried through, not interpreted */
+    uint32_t id; /* without flag bits */
     uint8_t extended;
-    uint8_t length;    /* payload bytes, 0..64 */
-    uint8_t flags;     /* TARN_FRAME_* */
-    uint8_t channel;   /* interface index given by a log reader, else 0 */
+    uint8_t length;  /* payload bytes, 0..64 */
+    uint8_t flags;   /* TARN_FRAME_* */
+    uint8_t channel; /* interface index given by a log reader, else 0 */
     uint8_t data[64];
 } tarn_frame;
 
@@ -382,8 +380,8 @@ typedef struct tarn_input {
  * (when minimum < maximum) are errors, never wrapped: then *failed, when not
  * NULL, is the index of the offending input. */
 TARN_NATIVE_API int tarn_encode(const tarn_message* msg, const tarn_input* inputs,
-                                size_t input_count, unsigned flags, uint8_t* out,
-                                size_t out_size, size_t* written, size_t* failed);
+                                size_t input_count, unsigned flags, uint8_t* out, size_t out_size,
+                                size_t* written, size_t* failed);
 
 /* Converts a physical value to the raw integer that encoding would store,
  * with the same checks (TARN_ERR_RANGE, TARN_ERR_NOT_FINITE). */

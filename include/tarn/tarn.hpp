@@ -27,15 +27,15 @@ namespace tarn {
 
 // A failed call: status() is the tarn_status, what() its text and detail.
 class Error : public std::runtime_error {
-public:
+  public:
     Error(int status, const std::string& detail)
-        : std::runtime_error(detail.empty() ? std::string(tarn_status_text(status))
-                                            : std::string(tarn_status_text(status)) + ": " +
-                                                  detail),
+        : std::runtime_error(detail.empty()
+                                 ? std::string(tarn_status_text(status))
+                                 : std::string(tarn_status_text(status)) + ": " + detail),
           m_status(status) {}
     int status() const noexcept { return m_status; }
 
-private:
+  private:
     int m_status;
 };
 
@@ -46,9 +46,9 @@ inline void check(int status, const std::string& detail = std::string()) {
 // Random-access range over items [0, n) produced by at(i).
 template <class Owner, class Item>
 class IndexRange {
-public:
+  public:
     class iterator {
-    public:
+      public:
         iterator(const Owner* o, size_t i) : m_owner(o), m_index(i) {}
         Item operator*() const { return m_owner->at(m_index); }
         iterator& operator++() {
@@ -58,7 +58,7 @@ public:
         bool operator!=(const iterator& other) const { return m_index != other.m_index; }
         bool operator==(const iterator& other) const { return m_index == other.m_index; }
 
-    private:
+      private:
         const Owner* m_owner;
         size_t m_index;
     };
@@ -67,14 +67,14 @@ public:
     iterator end() const { return iterator(m_owner, m_size); }
     size_t size() const { return m_size; }
 
-private:
+  private:
     const Owner* m_owner;
     size_t m_size;
 };
 
 // A signal of an open database; valid while the database is.
 class Signal {
-public:
+  public:
     explicit Signal(const tarn_signal* s) : m_sig(s) { check(tarn_signal_get_info(s, &m_info)); }
     const tarn_signal* handle() const { return m_sig; }
     const tarn_signal_info& info() const { return m_info; }
@@ -112,14 +112,14 @@ public:
         return v;
     }
 
-private:
+  private:
     const tarn_signal* m_sig;
     tarn_signal_info m_info;
 };
 
 // A message of an open database; valid while the database is.
 class Message {
-public:
+  public:
     explicit Message(const tarn_message* m) : m_msg(m) { check(tarn_message_get_info(m, &m_info)); }
     const tarn_message* handle() const { return m_msg; }
     const tarn_message_info& info() const { return m_info; }
@@ -159,20 +159,20 @@ public:
         size_t written = 0, failed = 0;
         const int rc = tarn_encode(m_msg, in.data(), in.size(), strict ? TARN_ENCODE_STRICT : 0,
                                    out.data(), out.size(), &written, &failed);
-        check(rc, rc == TARN_OK || failed >= physical.size() ? std::string()
-                                                             : physical[failed].first);
+        check(rc,
+              rc == TARN_OK || failed >= physical.size() ? std::string() : physical[failed].first);
         out.resize(written);
         return out;
     }
 
-private:
+  private:
     const tarn_message* m_msg;
     tarn_message_info m_info;
 };
 
 // An open database. Move-only; closing it ends every Message and Signal.
 class Database {
-public:
+  public:
     static Database open(const std::string& path, unsigned flags = 0) {
         return Database([&](tarn_db** db, char* err, size_t n) {
             return tarn_db_open(path.c_str(), flags, db, err, n);
@@ -222,7 +222,7 @@ public:
         return out;
     }
 
-private:
+  private:
     template <class OpenFn>
     explicit Database(OpenFn open) {
         char err[256] = {0};
@@ -234,7 +234,7 @@ private:
 
 // Decodes frames into a buffer it owns and reuses: one per thread.
 class Decoder {
-public:
+  public:
     explicit Decoder(const Database& db)
         : m_db(db.handle()), m_values(std::max<size_t>(1, db.info().max_signals)) {}
 
@@ -253,7 +253,7 @@ public:
     size_t size() const { return m_result.count; }
     Signal signal(const tarn_value& v) const { return message().at(v.signal); }
 
-private:
+  private:
     const tarn_db* m_db;
     std::vector<tarn_value> m_values;
     tarn_decoded m_result{};

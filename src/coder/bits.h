@@ -18,11 +18,17 @@ inline uint64_t LoadLe(const uint8_t* p) {
     return v;  // x86-64 is little-endian
 }
 
-inline uint64_t LoadBe(const uint8_t* p) { return __builtin_bswap64(LoadLe(p)); }
+inline uint64_t LoadBe(const uint8_t* p) {
+    return __builtin_bswap64(LoadLe(p));
+}
 
-inline void StoreLe(uint8_t* p, uint64_t v) { std::memcpy(p, &v, 8); }
+inline void StoreLe(uint8_t* p, uint64_t v) {
+    std::memcpy(p, &v, 8);
+}
 
-inline void StoreBe(uint8_t* p, uint64_t v) { StoreLe(p, __builtin_bswap64(v)); }
+inline void StoreBe(uint8_t* p, uint64_t v) {
+    StoreLe(p, __builtin_bswap64(v));
+}
 
 // Where a field sits, in the form both byte orders share: the first byte of
 // its window and the bit offset inside it. Intel offsets count from the

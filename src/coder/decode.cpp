@@ -100,9 +100,8 @@ int NetworkPlan::Decode(size_t index, const uint8_t* data, size_t length, tarn_v
     uint32_t n = 0, missing = 0;
     for (uint32_t i = 0; i < mp.signalCount; ++i) {
         const SignalPlan& p = plans[i];
-        if (p.switchSlot != kNoSlot &&
-            (p.switchSlot == kDeadSlot || !swOn[p.switchSlot] ||
-             !Selects(p, m_muxRanges, swValue[p.switchSlot])))
+        if (p.switchSlot != kNoSlot && (p.switchSlot == kDeadSlot || !swOn[p.switchSlot] ||
+                                        !Selects(p, m_muxRanges, swValue[p.switchSlot])))
             continue;
         if (p.needBytes > length) {
             ++missing;

@@ -11,7 +11,9 @@
 namespace tarn::coder {
 namespace {
 
-bool IsFloat(const SignalPlan& p) { return p.kind == Kind::Float || p.kind == Kind::Double; }
+bool IsFloat(const SignalPlan& p) {
+    return p.kind == Kind::Float || p.kind == Kind::Double;
+}
 
 int FloatBits(const SignalPlan& p, double raw, uint64_t& bits) {
     if (!std::isfinite(raw)) return TARN_ERR_NOT_FINITE;
@@ -82,8 +84,7 @@ int CheckRaw(const SignalPlan& p, uint64_t raw, bool isSignedInput, uint64_t& bi
 int PhysicalToRaw(const SignalPlan& p, const net::Signal& sig, double physical, bool strict,
                   uint64_t& bits) {
     if (!std::isfinite(physical)) return TARN_ERR_NOT_FINITE;
-    if (strict && sig.minimum < sig.maximum &&
-        (physical < sig.minimum || physical > sig.maximum))
+    if (strict && sig.minimum < sig.maximum && (physical < sig.minimum || physical > sig.maximum))
         return TARN_ERR_RANGE;
     if (p.factor == 0.0) {
         if (physical != p.offset) return TARN_ERR_RANGE;
@@ -103,8 +104,8 @@ int PhysicalToRaw(const SignalPlan& p, const net::Signal& sig, double physical, 
     return CheckRaw(p, static_cast<uint64_t>(r), false, bits);
 }
 
-int NetworkPlan::Encode(const net::Network& net, size_t index, const tarn_input* inputs,
-                        size_t n, unsigned flags, uint8_t* out, size_t outSize, size_t* written,
+int NetworkPlan::Encode(const net::Network& net, size_t index, const tarn_input* inputs, size_t n,
+                        unsigned flags, uint8_t* out, size_t outSize, size_t* written,
                         size_t* failed) const {
     const MessagePlan& mp = m_messages[index];
     const net::Message& msg = net.messages[index];
@@ -137,14 +138,13 @@ int NetworkPlan::Encode(const net::Network& net, size_t index, const tarn_input*
         swValue[p.ownSlot] = pend.bits[sig];
     }
 
-    std::memset(out, 0, mp.length);
+    if (mp.length) std::memset(out, 0, mp.length);
     for (uint32_t i = 0; i < mp.signalCount; ++i) {
         const SignalPlan& p = plans[i];
         const bool given = pend.input[i] >= 0;
         if (given) *failed = static_cast<size_t>(pend.input[i]);
-        if (p.switchSlot != kNoSlot &&
-            (p.switchSlot == kDeadSlot || !swOn[p.switchSlot] ||
-             !Selects(p, m_muxRanges, swValue[p.switchSlot]))) {
+        if (p.switchSlot != kNoSlot && (p.switchSlot == kDeadSlot || !swOn[p.switchSlot] ||
+                                        !Selects(p, m_muxRanges, swValue[p.switchSlot]))) {
             if (given) return TARN_ERR_MULTIPLEX;
             continue;
         }

@@ -77,8 +77,8 @@ void PlanSwitches(const net::Network& net, const net::Message& m, MessagePlan& m
     for (uint32_t i = 0; i < m.signals.count; ++i) {
         const int32_t sw = sigs[i].switchIndex;
         if (sw < 0) continue;
-        const bool tracked = static_cast<uint32_t>(sw) < m.signals.count &&
-                             plans[sw].ownSlot != kNoSlot;
+        const bool tracked =
+            static_cast<uint32_t>(sw) < m.signals.count && plans[sw].ownSlot != kNoSlot;
         plans[i].switchSlot = tracked ? plans[sw].ownSlot : kDeadSlot;
     }
 }
@@ -141,8 +141,8 @@ int64_t NetworkPlan::FindMessage(uint32_t id, bool extended) const {
 }
 
 size_t NetworkPlan::BytesHeld() const {
-    size_t n = m_signals.capacity() * sizeof(SignalPlan) +
-               m_messages.capacity() * sizeof(MessagePlan);
+    size_t n =
+        m_signals.capacity() * sizeof(SignalPlan) + m_messages.capacity() * sizeof(MessagePlan);
     for (const MessagePlan& mp : m_messages) n += mp.switchOrder.capacity() * sizeof(uint32_t);
     return n + (m_messages.size() * 2 + 32) * 2 * 16;
 }

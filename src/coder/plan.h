@@ -63,7 +63,7 @@ struct MessagePlan {
 
 // Open-addressing table from 64-bit keys to message indexes.
 class KeyTable {
-public:
+  public:
     void Build(const std::vector<std::pair<uint64_t, uint32_t>>& entries);
     // -1 when absent.
     int64_t Find(uint64_t key) const {
@@ -75,7 +75,7 @@ public:
         }
     }
 
-private:
+  private:
     static constexpr uint64_t kEmpty = ~uint64_t{0};
     struct Entry {
         uint64_t key = kEmpty;
@@ -101,7 +101,7 @@ struct J1939Fields {
 J1939Fields SplitJ1939(uint32_t id);
 
 class NetworkPlan {
-public:
+  public:
     void Build(const net::Network& net);
 
     // Index of the message for a frame, -1 when none: the exact identifier
@@ -124,10 +124,9 @@ public:
     // from) into out[0..length). Returns a tarn_status; on an input's
     // error *failed is its index.
     int Encode(const net::Network& net, size_t index, const tarn_input* inputs, size_t n,
-               unsigned flags, uint8_t* out, size_t outSize, size_t* written,
-               size_t* failed) const;
+               unsigned flags, uint8_t* out, size_t outSize, size_t* written, size_t* failed) const;
 
-private:
+  private:
     std::vector<MessagePlan> m_messages;
     std::vector<SignalPlan> m_signals;
     KeyTable m_byId;

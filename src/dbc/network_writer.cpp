@@ -13,11 +13,11 @@ namespace {
 constexpr uint32_t kExtendedFlag = 0x80000000u;
 
 class Writer {
-public:
+  public:
     explicit Writer(const Network& n) : m_net(n) {}
     std::string Run();
 
-private:
+  private:
     void Num(double v);
     void Int(int64_t v) { Append(std::to_string(v)); }
     void Uint(uint64_t v) { Append(std::to_string(v)); }
@@ -139,9 +139,11 @@ void Writer::Messages() {
 void Writer::Comments() {
     if (!m_net.comment.empty()) Append("CM_ "), Quoted(m_net.comment), Append(";\n");
     for (const Node& n : m_net.nodes)
-        if (!n.comment.empty()) Append("CM_ BU_ "), Append(n.name), Append(" "), Quoted(n.comment), Append(";\n");
+        if (!n.comment.empty())
+            Append("CM_ BU_ "), Append(n.name), Append(" "), Quoted(n.comment), Append(";\n");
     for (const Message& m : m_net.messages) {
-        if (!m.comment.empty()) Append("CM_ BO_ "), MessageId(m), Append(" "), Quoted(m.comment), Append(";\n");
+        if (!m.comment.empty())
+            Append("CM_ BO_ "), MessageId(m), Append(" "), Quoted(m.comment), Append(";\n");
         for (uint32_t i = m.signals.first; i < m.signals.end(); ++i) {
             const Signal& s = m_net.signals[i];
             if (s.comment.empty()) continue;
@@ -153,10 +155,14 @@ void Writer::Comments() {
 
 void Writer::AttrValue(const AttrDef& d, const net::AttrValue& v, bool isDefault) {
     switch (d.type) {
-        case AttrType::String: return Quoted(v.text);
-        case AttrType::Enum: return isDefault ? Quoted(v.text) : Int(static_cast<int64_t>(v.number));
-        case AttrType::Float: return Num(v.number);
-        default: return Int(static_cast<int64_t>(v.number));
+        case AttrType::String:
+            return Quoted(v.text);
+        case AttrType::Enum:
+            return isDefault ? Quoted(v.text) : Int(static_cast<int64_t>(v.number));
+        case AttrType::Float:
+            return Num(v.number);
+        default:
+            return Int(static_cast<int64_t>(v.number));
     }
 }
 
@@ -267,6 +273,8 @@ std::string Writer::Run() {
 
 }  // namespace
 
-std::string WriteDbc(const Network& network) { return Writer(network).Run(); }
+std::string WriteDbc(const Network& network) {
+    return Writer(network).Run();
+}
 
 }  // namespace tarn::net

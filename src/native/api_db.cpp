@@ -26,11 +26,16 @@ std::string Describe(const net::Diagnostic& d) {
 
 int StatusOf(net::ReadStatus rs) {
     switch (rs) {
-        case net::ReadStatus::Ok: return TARN_OK;
-        case net::ReadStatus::NotDbc: return TARN_ERR_NOT_DBC;
-        case net::ReadStatus::Strict: return TARN_ERR_PARSE;
-        case net::ReadStatus::TooLarge: return TARN_ERR_TOO_LARGE;
-        case net::ReadStatus::Io: return TARN_ERR_IO;
+        case net::ReadStatus::Ok:
+            return TARN_OK;
+        case net::ReadStatus::NotDbc:
+            return TARN_ERR_NOT_DBC;
+        case net::ReadStatus::Strict:
+            return TARN_ERR_PARSE;
+        case net::ReadStatus::TooLarge:
+            return TARN_ERR_TOO_LARGE;
+        case net::ReadStatus::Io:
+            return TARN_ERR_IO;
     }
     return TARN_ERR_PARSE;
 }
@@ -83,8 +88,7 @@ using namespace tarn;
 
 extern "C" {
 
-int tarn_db_open(const char* path, unsigned flags, tarn_db** out, char* error,
-                 size_t error_size) {
+int tarn_db_open(const char* path, unsigned flags, tarn_db** out, char* error, size_t error_size) {
     if (out) *out = nullptr;
     if (!path || !out || (flags & ~native::kKnownFlags)) return TARN_ERR_ARGUMENT;
     try {
@@ -98,8 +102,8 @@ int tarn_db_open(const char* path, unsigned flags, tarn_db** out, char* error,
     }
 }
 
-int tarn_db_open_buffer(const char* text, size_t size, unsigned flags, tarn_db** out,
-                        char* error, size_t error_size) {
+int tarn_db_open_buffer(const char* text, size_t size, unsigned flags, tarn_db** out, char* error,
+                        size_t error_size) {
     if (out) *out = nullptr;
     if ((!text && size) || !out || (flags & ~native::kKnownFlags)) return TARN_ERR_ARGUMENT;
     try {
@@ -113,7 +117,9 @@ int tarn_db_open_buffer(const char* text, size_t size, unsigned flags, tarn_db**
     }
 }
 
-void tarn_db_close(tarn_db* db) { delete db; }
+void tarn_db_close(tarn_db* db) {
+    delete db;
+}
 
 int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size, size_t* needed) {
     if (!db || !needed || (!buffer && size)) return TARN_ERR_ARGUMENT;
@@ -128,7 +134,9 @@ int tarn_db_write_dbc(const tarn_db* db, char* buffer, size_t size, size_t* need
     }
 }
 
-size_t tarn_db_diagnostic_count(const tarn_db* db) { return db ? db->net.diagnostics.size() : 0; }
+size_t tarn_db_diagnostic_count(const tarn_db* db) {
+    return db ? db->net.diagnostics.size() : 0;
+}
 
 int tarn_db_diagnostic(const tarn_db* db, size_t index, tarn_diagnostic* out) {
     if (!db || !out) return TARN_ERR_ARGUMENT;

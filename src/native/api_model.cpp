@@ -7,9 +7,13 @@ using namespace tarn;
 namespace {
 
 // Views that were never set have no storage; the interface promises "".
-const char* Text(std::string_view v) { return v.data() ? v.data() : ""; }
+const char* Text(std::string_view v) {
+    return v.data() ? v.data() : "";
+}
 
-bool InRange(net::Range r, size_t index) { return index < r.count; }
+bool InRange(net::Range r, size_t index) {
+    return index < r.count;
+}
 
 void FillAttr(const net::Network& n, const net::AttrEntry& e, tarn_attr* out) {
     const net::AttrDef& d = n.attrDefs[e.def];

@@ -52,25 +52,42 @@ void tarn_set_log_handler(tarn_log_fn fn, void* user) {
     g_user = user;
 }
 
-const char* tarn_version(void) { return TARN_VERSION_TEXT; }
+const char* tarn_version(void) {
+    return TARN_VERSION_TEXT;
+}
 
 const char* tarn_status_text(int status) {
     switch (status) {
-        case TARN_OK: return "success";
-        case TARN_ERR_ARGUMENT: return "invalid argument";
-        case TARN_ERR_NO_MEMORY: return "out of memory";
-        case TARN_ERR_IO: return "file could not be read";
-        case TARN_ERR_NOT_DBC: return "input is not a DBC database";
-        case TARN_ERR_PARSE: return "DBC text could not be parsed";
-        case TARN_ERR_TOO_LARGE: return "input too large";
-        case TARN_ERR_NOT_FOUND: return "not found";
-        case TARN_ERR_RANGE: return "value out of range";
-        case TARN_ERR_NOT_FINITE: return "value is not a finite number";
-        case TARN_ERR_BUFFER: return "buffer too small";
-        case TARN_ERR_MULTIPLEX: return "signal not selected by the multiplexer value";
-        case TARN_ERR_STATE: return "operation not possible in this state";
-        case TARN_ERR_PROTOCOL: return "transport protocol violation";
-        default: return "unknown status";
+        case TARN_OK:
+            return "success";
+        case TARN_ERR_ARGUMENT:
+            return "invalid argument";
+        case TARN_ERR_NO_MEMORY:
+            return "out of memory";
+        case TARN_ERR_IO:
+            return "file could not be read";
+        case TARN_ERR_NOT_DBC:
+            return "input is not a DBC database";
+        case TARN_ERR_PARSE:
+            return "DBC text could not be parsed";
+        case TARN_ERR_TOO_LARGE:
+            return "input too large";
+        case TARN_ERR_NOT_FOUND:
+            return "not found";
+        case TARN_ERR_RANGE:
+            return "value out of range";
+        case TARN_ERR_NOT_FINITE:
+            return "value is not a finite number";
+        case TARN_ERR_BUFFER:
+            return "buffer too small";
+        case TARN_ERR_MULTIPLEX:
+            return "signal not selected by the multiplexer value";
+        case TARN_ERR_STATE:
+            return "operation not possible in this state";
+        case TARN_ERR_PROTOCOL:
+            return "transport protocol violation";
+        default:
+            return "unknown status";
     }
 }
 

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -142,10 +142,10 @@ TEST(NativeDb, EncodeNamesTheOffendingSignal) {
         bool strict;
         int status;
     };
-    for (const Row& r : {Row{"Rpm", 99999, false, TARN_ERR_RANGE},
-                         Row{"Rpm", 8001, true, TARN_ERR_RANGE},
-                         Row{"Gear", NAN, false, TARN_ERR_NOT_FINITE},
-                         Row{"Nope", 1, false, TARN_ERR_NOT_FOUND}}) {
+    for (const Row& r :
+         {Row{"Rpm", 99999, false, TARN_ERR_RANGE}, Row{"Rpm", 8001, true, TARN_ERR_RANGE},
+          Row{"Gear", NAN, false, TARN_ERR_NOT_FINITE},
+          Row{"Nope", 1, false, TARN_ERR_NOT_FOUND}}) {
         try {
             m.encode({{r.signal, r.value}}, r.strict);
             ADD_FAILURE() << r.signal << " " << r.value;
@@ -203,8 +203,9 @@ TEST(NativeDb, MalformedSignalLosesOnlyItsLineAndIsReported) {
 // One database, several threads, different frames: every result is what a
 // lone thread gets (run under ThreadSanitizer in CI).
 TEST(NativeDb, ThreadsShareOneDatabase) {
-    auto db = Open("BO_ 1 M: 8 ECU\n SG_ A : 0|32@1+ (1,0) [0|0] \"\" ECU\n"
-                   " SG_ B : 39|32@0+ (1,0) [0|0] \"\" ECU\n");
+    auto db = Open(
+        "BO_ 1 M: 8 ECU\n SG_ A : 0|32@1+ (1,0) [0|0] \"\" ECU\n"
+        " SG_ B : 39|32@0+ (1,0) [0|0] \"\" ECU\n");
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < 4; ++t) {

@@ -158,9 +158,9 @@ TEST(NativeCoder, PhysicalRoundTripAndShortFrames) {
         in.physical = v.physical;
         std::vector<uint8_t> again(c.payload);
         size_t written = 0, failed = 0;
-        ASSERT_EQ(fx.plan.Encode(fx.net, i, &in, 1, 0, again.data(), again.size(), &written,
-                                 &failed),
-                  TARN_OK);
+        ASSERT_EQ(
+            fx.plan.Encode(fx.net, i, &in, 1, 0, again.data(), again.size(), &written, &failed),
+            TARN_OK);
         EXPECT_EQ(again, buf) << "case " << i;
         // One byte short of the field: reported absent, never read past the end.
         const size_t need = (c.motorola ? (c.start / 8) * 8 + 7 - c.start % 8 : c.start) / 8;

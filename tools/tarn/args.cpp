@@ -38,23 +38,27 @@ struct CommandSpec {
 const std::vector<std::string> kCommon = {"--verbose", "--log", "--help", "--strict"};
 
 const CommandSpec kCommands[] = {
-    {"decode", "decode [OPTIONS] DB.dbc [LOG|-]",
+    {"decode",
+     "decode [OPTIONS] DB.dbc [LOG|-]",
      "Decode a CAN log (candump, Vector ASC or PEAK TRC, detected from the content; standard\n"
      "input when LOG is - or missing) and print one line per message. J1939 transfers are\n"
      "reassembled and printed when complete. From a pipe or a terminal every line is written\n"
      "as soon as its frame has been read.",
      {"--json", "--csv", "--only", "--all", "--format", "--j1939"}},
-    {"dump", "dump [OPTIONS] DB.dbc",
+    {"dump",
+     "dump [OPTIONS] DB.dbc",
      "Print the database: nodes, messages, signals, value tables, attributes and\n"
      "multiplexing; --json prints the whole model as one JSON document.",
      {"--json", "--j1939"}},
-    {"encode", "encode [OPTIONS] DB.dbc MESSAGE SIGNAL=VALUE ...",
+    {"encode",
+     "encode [OPTIONS] DB.dbc MESSAGE SIGNAL=VALUE ...",
      "Print the frames of one message as candump log lines. Values are physical (a\n"
      "value-table text is accepted too) unless --raw is given; a value outside the\n"
      "signal's range is refused and named. A long J1939 message is printed as a BAM\n"
      "sequence, any other long message as one CAN FD frame.",
      {"--raw", "--interface", "--j1939"}},
-    {"convert", "convert [OPTIONS] IN.dbc OUT.dbc",
+    {"convert",
+     "convert [OPTIONS] IN.dbc OUT.dbc",
      "Write the database back as normalised DBC text (OUT may be - for standard output).\n"
      "Converting the output again gives the same bytes.",
      {}},
@@ -93,18 +97,30 @@ void splitList(const std::string& value, std::vector<std::string>& out) {
 }
 
 void apply(const std::string& name, const std::string& value, Options& opts) {
-    if (name == "--only") splitList(value, opts.only);
-    else if (name == "--interface") opts.interface = value;
-    else if (name == "--log") opts.logFile = value;
-    else if (name == "--format") opts.format = value;
-    else if (name == "--json") opts.json = true;
-    else if (name == "--csv") opts.csv = true;
-    else if (name == "--all") opts.all = true;
-    else if (name == "--j1939") opts.j1939 = true;
-    else if (name == "--strict") opts.strict = true;
-    else if (name == "--raw") opts.raw = true;
-    else if (name == "--verbose") opts.verbose = true;
-    else if (name == "--help") opts.help = true;
+    if (name == "--only")
+        splitList(value, opts.only);
+    else if (name == "--interface")
+        opts.interface = value;
+    else if (name == "--log")
+        opts.logFile = value;
+    else if (name == "--format")
+        opts.format = value;
+    else if (name == "--json")
+        opts.json = true;
+    else if (name == "--csv")
+        opts.csv = true;
+    else if (name == "--all")
+        opts.all = true;
+    else if (name == "--j1939")
+        opts.j1939 = true;
+    else if (name == "--strict")
+        opts.strict = true;
+    else if (name == "--raw")
+        opts.raw = true;
+    else if (name == "--verbose")
+        opts.verbose = true;
+    else if (name == "--help")
+        opts.help = true;
 }
 
 // Handles one option word; may consume the next word as its value.

@@ -43,8 +43,10 @@ void signalJson(std::string& out, const tarn::Message& m, const tarn::Signal& s)
     out += i.big_endian ? ",\"byte_order\":\"big_endian\"" : ",\"byte_order\":\"little_endian\"";
     out += i.is_signed ? ",\"signed\":true" : ",\"signed\":false";
     out += ",\"type\":\"" + std::string(kValueTypes[i.value_type]) + "\"";
-    for (auto [key, v] : {std::pair{",\"factor\":", i.factor}, {",\"offset\":", i.offset},
-                          {",\"minimum\":", i.minimum}, {",\"maximum\":", i.maximum}}) {
+    for (auto [key, v] : {std::pair{",\"factor\":", i.factor},
+                          {",\"offset\":", i.offset},
+                          {",\"minimum\":", i.minimum},
+                          {",\"maximum\":", i.maximum}}) {
         out += key;
         appendJsonNumber(out, v);
     }
@@ -243,11 +245,11 @@ void signalText(std::string& out, const tarn::Message& m, const tarn::Signal& s)
         if (i.is_switch) mux += " M";
     }
     out += "  signal " + std::string(i.name) + ": start=" + std::to_string(i.start_bit) +
-           " length=" + std::to_string(i.length) + " order=" +
-           (i.big_endian ? "big" : "little") + " signed=" + (i.is_signed ? "yes" : "no") +
-           " type=" + kValueTypes[i.value_type] + " factor=" + num(i.factor) +
-           " offset=" + num(i.offset) + " range=[" + num(i.minimum) + "," + num(i.maximum) +
-           "] unit=" + quoted(i.unit) + " mux=" + (mux.empty() ? "-" : mux) + "\n";
+           " length=" + std::to_string(i.length) + " order=" + (i.big_endian ? "big" : "little") +
+           " signed=" + (i.is_signed ? "yes" : "no") + " type=" + kValueTypes[i.value_type] +
+           " factor=" + num(i.factor) + " offset=" + num(i.offset) + " range=[" + num(i.minimum) +
+           "," + num(i.maximum) + "] unit=" + quoted(i.unit) + " mux=" + (mux.empty() ? "-" : mux) +
+           "\n";
     if (*i.comment) out += "    comment: " + quoted(i.comment) + "\n";
     const auto values = s.values();
     if (values.empty()) return;

@@ -92,8 +92,8 @@ void printBam(const Options& opts, const tarn_message_info& m, const std::vector
     for (size_t p = 0; p < packets; ++p) {
         uint8_t dt[8] = {static_cast<uint8_t>(p + 1), 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
         for (size_t k = 0; k < 7 && p * 7 + k < data.size(); ++k) dt[k + 1] = data[p * 7 + k];
-        printFrame(opts, kBamGapSeconds * static_cast<double>(p + 1), 0x1CEBFF00u | sa, true, dt,
-                   8, false);
+        printFrame(opts, kBamGapSeconds * static_cast<double>(p + 1), 0x1CEBFF00u | sa, true, dt, 8,
+                   false);
     }
 }
 
@@ -136,9 +136,9 @@ int runEncode(const Options& opts) {
     const tarn_message_info& info = m->info();
     std::vector<uint8_t> data(info.length);
     size_t written = 0, failed = 0;
-    const int rc = tarn_encode(m->handle(), inputs.data(), inputs.size(),
-                               opts.raw ? 0 : TARN_ENCODE_STRICT, data.data(), data.size(),
-                               &written, &failed);
+    const int rc =
+        tarn_encode(m->handle(), inputs.data(), inputs.size(), opts.raw ? 0 : TARN_ENCODE_STRICT,
+                    data.data(), data.size(), &written, &failed);
     if (rc != TARN_OK) {
         std::fprintf(stderr, "tarn: %s%s%s\n", failed < names.size() ? names[failed].c_str() : "",
                      failed < names.size() ? ": " : "", tarn_status_text(rc));

@@ -26,8 +26,8 @@ void appendNumber(std::string& out, double v) {
         return;
     }
     char buf[40];
-    const auto r = std::to_chars(buf, buf + sizeof buf, v == 0 ? 0.0 : v,
-                                 std::chars_format::general, 15);
+    const auto r =
+        std::to_chars(buf, buf + sizeof buf, v == 0 ? 0.0 : v, std::chars_format::general, 15);
     out.append(buf, r.ptr);
 }
 
