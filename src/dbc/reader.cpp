@@ -116,6 +116,7 @@ ReadStatus Reader::Run(std::string_view text) {
     m_begin = text.data();
     m_end = m_begin + text.size();
     m_noQuoteAfter = m_end;
+    m_net.version = m_net.comment = kNoText;
     ReserveForText();
     const char* p = m_begin;
     while (p < m_end && !m_stop) {

@@ -13,6 +13,10 @@
 
 namespace tarn::net {
 
+// Texts that are not set point here rather than nowhere, so that every text
+// of the model is a NUL-terminated string the C interface can hand out.
+inline constexpr std::string_view kNoText{"", 0};
+
 enum class Section : uint8_t {
     None,  // the line does not start with a section keyword
     Version,

@@ -36,7 +36,7 @@ void Reader::ParseNodes(Cursor& c) {
             Fail("node " + std::string(name) + " is listed twice");
         } else if (name != kNoNode) {
             uint32_t index = static_cast<uint32_t>(m_net.nodes.size());
-            m_net.nodes.push_back(Node{Intern(name), {}, {}});
+            m_net.nodes.push_back(Node{Intern(name), kNoText, {}});
             m_nodeByName.Insert(HashText(m_nodeByName.Seed(), 0, name), index);
         }
         c.Eat(',');
@@ -63,6 +63,7 @@ void Reader::ParseMessage(Cursor& c) {
     if (m_net.FindMessage(name))
         return (void)Fail("message name " + std::string(name) + " is already used");
     Message m;
+    m.comment = kNoText;
     m.name = m_net.pool.Store(name);
     m.id = rawId & 0x7FFFFFFFu;
     m.extended = (rawId & 0x80000000u) != 0;
@@ -90,6 +91,7 @@ void Reader::ParseSignal(Cursor& c) {
     uint32_t message = static_cast<uint32_t>(m_openMessage);
     size_t namesBefore = m_net.names.size(), muxBefore = m_net.muxRanges.size();
     Signal s;
+    s.comment = kNoText;
     s.line = m_line;
     if (!ParseSignalBody(c, s) || !CheckSignalFits(s)) {
         m_net.names.resize(namesBefore);
