@@ -1,6 +1,19 @@
 // The native DBC reader: splits the text into statements, hands each to its
 // section parser and assembles what can only be settled at the end
 // (multiplexer switches, BO_TX_BU_ senders, attribute ranges, J1939).
+//
+// Choices a caller can see:
+// - A line's first word picks its section. BO_, SG_, BU_, VERSION, NS_ and
+//   BS_ statements are one line (a BU_ list may go on over indented lines);
+//   the others end at ';'. Lines starting with "//" are comments.
+// - A diagnostic means its line, or the part it names, was not loaded; the
+//   one exception is a plain "mN" signal in a message with several
+//   switches, which is loaded with the first switch.
+// - The first of two messages with one id or name, of two signals with one
+//   name, of two comments or attribute values for one object is kept.
+//   Several network comments are joined, one per line.
+// - "Vector__XXX", the placeholder for no node, is not listed as a sender
+//   or receiver.
 #include "dbc/reader.h"
 
 #include <fcntl.h>
