@@ -64,7 +64,7 @@ class Reader {
     };
 
     // reader.cpp: the statement loop and the final assembly.
-    void Statement(Section section, std::string_view keyword, const char* body);
+    const char* Statement(const char* p);
     const char* StatementEnd(const char* from, uint32_t& newlines, bool& unterminated);
     const char* QuoteEnd(const char* open, uint32_t& newlines);
     bool StartsSection(const char* lineStart) const;
