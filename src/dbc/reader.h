@@ -17,6 +17,9 @@ namespace tarn::net {
 // of the model is a NUL-terminated string the C interface can hand out.
 inline constexpr std::string_view kNoText{"", 0};
 
+// switchIndex of a plain "mN" signal until its message is complete.
+inline constexpr int32_t kSwitchPending = -2;
+
 enum class Section : uint8_t {
     None,  // the line does not start with a section keyword
     Version,

@@ -103,8 +103,9 @@ void Reader::ParseSignal(Cursor& c) {
     m_net.signals.push_back(s);
     ++msg.signals.count;
     m_net.IndexSignal(message, index);
-    m_muxPending.push_back(s.switchIndex == -2);
-    if (s.switchIndex == -2 && (m_muxMessages.empty() || m_muxMessages.back() != message))
+    m_muxPending.push_back(s.switchIndex == kSwitchPending);
+    if (s.switchIndex == kSwitchPending &&
+        (m_muxMessages.empty() || m_muxMessages.back() != message))
         m_muxMessages.push_back(message);
     m_muxExtended.push_back(0);
 }
@@ -158,7 +159,7 @@ bool Reader::ParseMuxIndicator(Cursor& c, Signal& s) {
     }
     if (!c.Eat(':')) return Fail("expected ':' after the multiplexer indicator");
     if (w.empty()) return true;
-    s.switchIndex = -2;  // tied to its switch once the message is complete
+    s.switchIndex = kSwitchPending;  // tied to its switch once the message is complete
     s.muxValues = Range{static_cast<uint32_t>(m_net.muxRanges.size()), 1};
     m_net.muxRanges.push_back(MuxRange{value, value});
     return true;
