@@ -29,7 +29,7 @@ void Reader::ParseVersion(Cursor& c) {
 
 void Reader::ParseNodes(Cursor& c) {
     c.Eat(':');
-    while (!c.AtEnd()) {
+    while (!c.AtLineEnd()) {
         std::string_view name = c.Word();
         if (name.empty()) return (void)Fail("expected a node name");
         if (NodeByName(name) >= 0) {
@@ -53,8 +53,7 @@ void Reader::ParseMessage(Cursor& c) {
     if (!c.Eat(':')) return (void)Fail("expected ':' after the message name");
     if (!c.Uint(length)) return (void)Fail("expected the message length");
     std::string_view sender = c.Word();
-    c.Eat(';');
-    if (!c.AtEnd()) return (void)Fail("unexpected text after the transmitter");
+    if (!c.AtLineEnd()) return (void)Fail("unexpected text after the transmitter");
     int64_t twin = MessageByRawId(rawId);
     if (twin >= 0) {
         return (void)Fail("message id " + std::to_string(rawId) + " is already used by " +
@@ -167,7 +166,7 @@ bool Reader::ParseMuxIndicator(Cursor& c, Signal& s) {
 
 bool Reader::ParseReceivers(Cursor& c, Signal& s) {
     s.receivers.first = static_cast<uint32_t>(m_net.names.size());
-    while (!c.AtEnd()) {
+    while (!c.AtLineEnd()) {
         std::string_view name = c.Word();
         if (name.empty()) return Fail("expected a receiver name");
         if (name != kNoNode) m_net.names.push_back(Intern(name));

@@ -114,7 +114,7 @@ const std::string kMsg = "BO_ 100 M: 8 A\n";             // line 3 after kHead
 const Case kCases[] = {
     {"MessagesAndSignals",
      kHead + "BO_ 2147483948 Ext: 64 B\n SG_ s1 : 12|40@1- (0.5,-1) [-2|+3] \"km/h\" A,B\n" +
-         " SG_ s2: 7|8@0+ (1e-3,0) [0|0] \"\"  Vector__XXX\n" +
+         " SG_ s2: 7|8@0+ (1e-3,0) [0|0] \"\"  Vector__XXX;\n" +
          "BO_ 300 Std: 8 Vector__XXX\nBO_TX_BU_ 300 : B,A,B;\n",
      {"NET version=v1", "BU A", "BO Ext 0x12Cx len=64 tx=B ",
       "SG Ext.s1 12|40@1- (0.5,-1) [-2|3] \"km/h\" rx=A,B type=0 sw=-1",
