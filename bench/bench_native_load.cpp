@@ -124,10 +124,9 @@ void ResetPeakRss() {
     std::ofstream("/proc/self/clear_refs") << "5";
 }
 
-void BM_NativeMemoryGenerated(benchmark::State& state) {
-    const std::string& path = GeneratedFile();
+void Memory(benchmark::State& state, const std::string& path) {
     if (path.empty()) {
-        state.SkipWithError("python3 or the generator tool is missing");
+        state.SkipWithError("input missing: no corpus, or python3 or the generator is missing");
         return;
     }
     double size = static_cast<double>(FileSize(path));
@@ -147,6 +146,15 @@ void BM_NativeMemoryGenerated(benchmark::State& state) {
     state.counters["bytes_held_x"] = bytesHeld / size;
     state.counters["peak_rss_x"] = peak / size;
     state.counters["file_MB"] = size / 1e6;
+    state.SetLabel(path.substr(path.find_last_of('/') + 1));
+}
+
+void BM_NativeMemoryGenerated(benchmark::State& state) {
+    Memory(state, GeneratedFile());
+}
+
+void BM_NativeMemoryLargestCorpusFile(benchmark::State& state) {
+    Memory(state, LargestCorpusFile());
 }
 
 // One message with N signals, each with a comment, value texts and an
@@ -172,6 +180,7 @@ void BM_NativeReadWideMessage(benchmark::State& state) {
 BENCHMARK(BM_NativeReadGenerated)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NativeReadLargestCorpusFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NativeMemoryGenerated)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_NativeMemoryLargestCorpusFile)->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_NativeReadWideMessage)
     ->Arg(1000)
     ->Arg(10000)

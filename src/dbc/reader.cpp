@@ -1,6 +1,19 @@
 // The native DBC reader: splits the text into statements, hands each to its
 // section parser and assembles what can only be settled at the end
 // (multiplexer switches, BO_TX_BU_ senders, attribute ranges, J1939).
+//
+// Choices a caller can see:
+// - A line's first word picks its section. BO_, SG_, BU_, VERSION, NS_ and
+//   BS_ statements are one line (a BU_ list may go on over indented lines);
+//   the others end at ';'. Lines starting with "//" are comments.
+// - A diagnostic means its line, or the part it names, was not loaded; the
+//   one exception is a plain "mN" signal in a message with several
+//   switches, which is loaded with the first switch.
+// - The first of two messages with one id or name, of two signals with one
+//   name, of two comments or attribute values for one object is kept.
+//   Several network comments are joined, one per line.
+// - "Vector__XXX", the placeholder for no node, is not listed as a sender
+//   or receiver.
 #include "dbc/reader.h"
 
 #include <fcntl.h>
@@ -83,6 +96,12 @@ const char* LineEnd(const char* p, const char* end) {
     return nl ? static_cast<const char*>(nl) : end;
 }
 
+// The start of the line after p's, or the end.
+const char* NextLine(const char* p, const char* end) {
+    const char* eol = LineEnd(p, end);
+    return eol == end ? end : eol + 1;
+}
+
 const char* SkipSpaces(const char* p, const char* end) {
     while (p < end && (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\v' || *p == '\f')) ++p;
     return p;
@@ -116,6 +135,7 @@ ReadStatus Reader::Run(std::string_view text) {
     m_begin = text.data();
     m_end = m_begin + text.size();
     m_noQuoteAfter = m_end;
+    m_net.version = m_net.comment = kNoText;
     ReserveForText();
     const char* p = m_begin;
     while (p < m_end && !m_stop) {
@@ -124,55 +144,15 @@ ReadStatus Reader::Run(std::string_view text) {
         if (*p == '\n') {
             ++p;
             ++m_line;
-            continue;
-        }
-        if (m_end - p >= 2 && p[0] == '/' && p[1] == '/') {
+        } else if (m_end - p >= 2 && p[0] == '/' && p[1] == '/') {
             p = LineEnd(p, m_end);  // a "//" comment line, as some editors write
-            continue;
+        } else {
+            p = Statement(p);
         }
-        std::string_view word = FirstWord(p, m_end);
-        Section section = Classify(word);
-        const char* body = p + word.size();
-        if (section == Section::None) {
-            m_section = ShortWord(word);
-            Fail(word.empty() ? "the line does not start with a section keyword"
-                              : "unknown section keyword");
-            p = LineEnd(p, m_end);
-            continue;
-        }
-        m_sawSection = true;
-        m_section = word;
-        if (section != Section::Sg && section != Section::Bo) {
-            m_openMessage = -1;
-            m_skipMessage = false;
-        }
-        if (IsLineSection(section)) {
-            const char* eol = LineEnd(body, m_end);
-            if (section == Section::Bu) eol = NodeListEnd(eol);
-            Cursor c(body, eol);
-            Parse(section, c);
-            p = section == Section::Ns ? SkipNamespaceList(eol) : eol;
-            continue;
-        }
-        uint32_t newlines = 0;
-        bool unterminated = false;
-        const char* stop = StatementEnd(body, newlines, unterminated);
-        if (unterminated) {
-            Fail("a quoted text is not closed");
-        } else if (section != Section::Unmodelled) {
-            Cursor c(body, stop);
-            Parse(section, c);
-        }
-        m_line += newlines;
-        p = stop < m_end && *stop == ';' ? stop + 1 : stop;
     }
     // Strict mode may have stopped before the first section: a later one
     // still makes the text a DBC.
-    while (!m_sawSection && p < m_end) {
-        const char* eol = LineEnd(p, m_end);
-        m_sawSection = StartsSection(p);
-        p = eol + 1;
-    }
+    for (; !m_sawSection && p < m_end; p = NextLine(p, m_end)) m_sawSection = StartsSection(p);
     if (!m_sawSection) {
         m_net.diagnostics.clear();
         return ReadStatus::NotDbc;
@@ -182,11 +162,49 @@ ReadStatus Reader::Run(std::string_view text) {
     return m_stop ? ReadStatus::Strict : ReadStatus::Ok;
 }
 
+// Reads the statement that starts at `p` and returns where the next may
+// start: the line break after a one-line statement, or past the ';'.
+const char* Reader::Statement(const char* p) {
+    std::string_view word = FirstWord(p, m_end);
+    Section section = Classify(word);
+    const char* body = p + word.size();
+    if (section == Section::None) {
+        m_section = ShortWord(word);
+        Fail(word.empty() ? "the line does not start with a section keyword"
+                          : "unknown section keyword");
+        return LineEnd(p, m_end);
+    }
+    m_sawSection = true;
+    m_section = word;
+    if (section != Section::Sg && section != Section::Bo) {
+        m_openMessage = -1;
+        m_skipMessage = false;
+    }
+    if (IsLineSection(section)) {
+        const char* eol = LineEnd(body, m_end);
+        if (section == Section::Bu) eol = NodeListEnd(eol);
+        Cursor c(body, eol);
+        Parse(section, c);
+        return section == Section::Ns ? SkipNamespaceList(eol) : eol;
+    }
+    uint32_t newlines = 0;
+    bool unterminated = false;
+    const char* stop = StatementEnd(body, newlines, unterminated);
+    if (unterminated) {
+        Fail("a quoted text is not closed");
+    } else if (section != Section::Unmodelled) {
+        Cursor c(body, stop);
+        Parse(section, c);
+    }
+    m_line += newlines;
+    return stop < m_end && *stop == ';' ? stop + 1 : stop;
+}
+
 // Messages and signals are most of the model: sizing their arrays from a
 // quick count of BO_ and SG_ lines saves growing and trimming them.
 void Reader::ReserveForText() {
     size_t messages = 0, signals = 0;
-    for (const char* p = m_begin; p < m_end; p = LineEnd(p, m_end) + 1) {
+    for (const char* p = m_begin; p < m_end; p = NextLine(p, m_end)) {
         p = SkipSpaces(p, m_end);
         if (m_end - p < 4 || p[2] != '_' || p[3] != ' ') continue;
         messages += p[0] == 'B' && p[1] == 'O';

@@ -13,6 +13,13 @@
 
 namespace tarn::net {
 
+// Texts that are not set point here rather than nowhere, so that every text
+// of the model is a NUL-terminated string the C interface can hand out.
+inline constexpr std::string_view kNoText{"", 0};
+
+// switchIndex of a plain "mN" signal until its message is complete.
+inline constexpr int32_t kSwitchPending = -2;
+
 enum class Section : uint8_t {
     None,  // the line does not start with a section keyword
     Version,
@@ -60,7 +67,7 @@ class Reader {
     };
 
     // reader.cpp: the statement loop and the final assembly.
-    void Statement(Section section, std::string_view keyword, const char* body);
+    const char* Statement(const char* p);
     const char* StatementEnd(const char* from, uint32_t& newlines, bool& unterminated);
     const char* QuoteEnd(const char* open, uint32_t& newlines);
     bool StartsSection(const char* lineStart) const;

@@ -57,6 +57,7 @@ const char* ObjectName(ObjectKind kind) {
 // BA_DEF_ [BU_|BO_|SG_|EV_] "name" INT|HEX|FLOAT min max | STRING | ENUM "a","b"...
 void Reader::ParseAttrDef(Cursor& c) {
     AttrDef d;
+    d.defaultValue.text = kNoText;
     ObjectKind kind = ObjectKind::Network;
     if (c.Peek() != '"' && !ObjectOf(c.Word(), kind))
         return (void)Fail("expected BU_, BO_, SG_, EV_ or the quoted attribute name");
@@ -119,7 +120,7 @@ void Reader::ParseAttrDefault(Cursor& c) {
     if (def < 0) return (void)Fail("no attribute definition " + std::string(name.raw));
     AttrDef& d = m_net.attrDefs[static_cast<size_t>(def)];
     if (d.hasDefault) return (void)Fail("the attribute's default was given before");
-    AttrValue v;
+    AttrValue v{0.0, kNoText};
     if (!ParseAttrValue(c, static_cast<uint32_t>(def), v)) return;
     d.defaultValue = v;
     d.hasDefault = true;
@@ -131,7 +132,8 @@ void Reader::ParseAttr(Cursor& c) {
     if (!c.Quoted(name)) return (void)Fail("expected the attribute name");
     int64_t def = AttrDefByName(name.raw);
     if (def < 0) return (void)Fail("no attribute definition " + std::string(name.raw));
-    PendingAttr a{ObjectKind::Network, 0, m_line, AttrEntry{static_cast<uint32_t>(def), {}}};
+    PendingAttr a{ObjectKind::Network, 0, m_line,
+                  AttrEntry{static_cast<uint32_t>(def), {0.0, kNoText}}};
     if (!ParseAttrObject(c, a.kind, a.object)) return;
     if (a.kind == ObjectKind::EnvVar) return;  // environment variables are not modelled
     const AttrDef& d = m_net.attrDefs[static_cast<size_t>(def)];

@@ -29,14 +29,14 @@ void Reader::ParseVersion(Cursor& c) {
 
 void Reader::ParseNodes(Cursor& c) {
     c.Eat(':');
-    while (!c.AtEnd()) {
+    while (!c.AtLineEnd()) {
         std::string_view name = c.Word();
         if (name.empty()) return (void)Fail("expected a node name");
         if (NodeByName(name) >= 0) {
             Fail("node " + std::string(name) + " is listed twice");
         } else if (name != kNoNode) {
             uint32_t index = static_cast<uint32_t>(m_net.nodes.size());
-            m_net.nodes.push_back(Node{Intern(name), {}, {}});
+            m_net.nodes.push_back(Node{Intern(name), kNoText, {}});
             m_nodeByName.Insert(HashText(m_nodeByName.Seed(), 0, name), index);
         }
         c.Eat(',');
@@ -53,8 +53,7 @@ void Reader::ParseMessage(Cursor& c) {
     if (!c.Eat(':')) return (void)Fail("expected ':' after the message name");
     if (!c.Uint(length)) return (void)Fail("expected the message length");
     std::string_view sender = c.Word();
-    c.Eat(';');
-    if (!c.AtEnd()) return (void)Fail("unexpected text after the transmitter");
+    if (!c.AtLineEnd()) return (void)Fail("unexpected text after the transmitter");
     int64_t twin = MessageByRawId(rawId);
     if (twin >= 0) {
         return (void)Fail("message id " + std::to_string(rawId) + " is already used by " +
@@ -63,6 +62,7 @@ void Reader::ParseMessage(Cursor& c) {
     if (m_net.FindMessage(name))
         return (void)Fail("message name " + std::string(name) + " is already used");
     Message m;
+    m.comment = kNoText;
     m.name = m_net.pool.Store(name);
     m.id = rawId & 0x7FFFFFFFu;
     m.extended = (rawId & 0x80000000u) != 0;
@@ -90,6 +90,7 @@ void Reader::ParseSignal(Cursor& c) {
     uint32_t message = static_cast<uint32_t>(m_openMessage);
     size_t namesBefore = m_net.names.size(), muxBefore = m_net.muxRanges.size();
     Signal s;
+    s.comment = kNoText;
     s.line = m_line;
     if (!ParseSignalBody(c, s) || !CheckSignalFits(s)) {
         m_net.names.resize(namesBefore);
@@ -101,8 +102,9 @@ void Reader::ParseSignal(Cursor& c) {
     m_net.signals.push_back(s);
     ++msg.signals.count;
     m_net.IndexSignal(message, index);
-    m_muxPending.push_back(s.switchIndex == -2);
-    if (s.switchIndex == -2 && (m_muxMessages.empty() || m_muxMessages.back() != message))
+    m_muxPending.push_back(s.switchIndex == kSwitchPending);
+    if (s.switchIndex == kSwitchPending &&
+        (m_muxMessages.empty() || m_muxMessages.back() != message))
         m_muxMessages.push_back(message);
     m_muxExtended.push_back(0);
 }
@@ -156,7 +158,7 @@ bool Reader::ParseMuxIndicator(Cursor& c, Signal& s) {
     }
     if (!c.Eat(':')) return Fail("expected ':' after the multiplexer indicator");
     if (w.empty()) return true;
-    s.switchIndex = -2;  // tied to its switch once the message is complete
+    s.switchIndex = kSwitchPending;  // tied to its switch once the message is complete
     s.muxValues = Range{static_cast<uint32_t>(m_net.muxRanges.size()), 1};
     m_net.muxRanges.push_back(MuxRange{value, value});
     return true;
@@ -164,7 +166,7 @@ bool Reader::ParseMuxIndicator(Cursor& c, Signal& s) {
 
 bool Reader::ParseReceivers(Cursor& c, Signal& s) {
     s.receivers.first = static_cast<uint32_t>(m_net.names.size());
-    while (!c.AtEnd()) {
+    while (!c.AtLineEnd()) {
         std::string_view name = c.Word();
         if (name.empty()) return Fail("expected a receiver name");
         if (name != kNoNode) m_net.names.push_back(Intern(name));

@@ -51,6 +51,13 @@ struct Cursor {
         SkipBlanks();
         return p == end;
     }
+    // The end of a one-line statement, which some writers close with ';'.
+    bool AtLineEnd() {
+        const char* b = p;
+        if (Eat(';') && AtEnd()) return true;
+        p = b;
+        return AtEnd();
+    }
     // The next non-blank character, or '\0' at the end.
     char Peek() {
         SkipBlanks();

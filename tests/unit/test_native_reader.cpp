@@ -17,6 +17,12 @@ std::string Str(std::string_view s) {
     return std::string(s);
 }
 
+std::string Num(double v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", v);
+    return buf;
+}
+
 template <class F>
 std::string Join(Range r, F item) {
     std::string out;
@@ -30,8 +36,8 @@ std::string Describe(const Network& n) {
     auto attrs = [&](Range r) {
         return Join(r, [&](uint32_t i) {
             const AttrEntry& e = n.attrValues[i];
-            return Str(n.attrDefs[e.def].name) + "=" + std::to_string(int64_t(e.value.number)) +
-                   "/" + Str(e.value.text);
+            return Str(n.attrDefs[e.def].name) + "=" + Num(e.value.number) + "/" +
+                   Str(e.value.text);
         });
     };
     std::string out = "NET version=" + Str(n.version) + " cm=" + Str(n.comment) +
@@ -108,7 +114,7 @@ const std::string kMsg = "BO_ 100 M: 8 A\n";             // line 3 after kHead
 const Case kCases[] = {
     {"MessagesAndSignals",
      kHead + "BO_ 2147483948 Ext: 64 B\n SG_ s1 : 12|40@1- (0.5,-1) [-2|+3] \"km/h\" A,B\n" +
-         " SG_ s2: 7|8@0+ (1e-3,0) [0|0] \"\"  Vector__XXX\n" +
+         " SG_ s2: 7|8@0+ (1e-3,0) [0|0] \"\"  Vector__XXX;\n" +
          "BO_ 300 Std: 8 Vector__XXX\nBO_TX_BU_ 300 : B,A,B;\n",
      {"NET version=v1", "BU A", "BO Ext 0x12Cx len=64 tx=B ",
       "SG Ext.s1 12|40@1- (0.5,-1) [-2|3] \"km/h\" rx=A,B type=0 sw=-1",
@@ -157,16 +163,18 @@ const Case kCases[] = {
      kHead + kMsg + " SG_ s : 0|8@1+ (1,0) [0|0] \"\" A\n" +
          "BA_DEF_ \"ProtocolType\" STRING;\nBA_DEF_ BO_ \"Cycle\" INT 0 1000;\n" +
          "BA_DEF_ SG_ \"Kind\" ENUM \"a\",\"b\",\"c\";\nBA_DEF_ BU_ \"Addr\" HEX 0 255;\n" +
+         "BA_DEF_ \"Gain\" FLOAT -1.5 2.5;\nBA_ \"Gain\" 0.25;\n" +
          "BA_DEF_DEF_ \"Kind\" \"b\";\nBA_DEF_DEF_ \"Cycle\" 100;\n" +
          "BA_ \"ProtocolType\" \"J1939\";\nBA_ \"Kind\" SG_ 100 s 2;\nBA_ \"Addr\" BU_ B 17;\n" +
          "BA_ \"Cycle\" BO_ 100 20;\nBA_ \"Cycle\" BO_ 100 30;\nBA_ \"Kind\" SG_ 100 s \"z\";\n" +
          "BA_ \"Cycle\" SG_ 100 s 1;\nBA_ \"Nope\" 1;\n",
-     {"j1939=1 attrs=ProtocolType=0/J1939", "DEF Kind obj=3 type=4 enums=a,b,c default=1/b",
-      "BU B cm= attrs=Addr=17/", "tx=A cm= attrs=Cycle=20/", "attrs=Kind=2/c"},
-     {"15 BA_: the attribute is set twice for one object; the first is kept",
-      "16 BA_: \"z\" is not one of the attribute's values",
-      "17 BA_: attribute Cycle is defined for messages, not for signals",
-      "18 BA_: no attribute definition Nope"}},
+     {"j1939=1 attrs=Gain=0.25/,ProtocolType=0/J1939",
+      "DEF Kind obj=3 type=4 enums=a,b,c default=1/b", "BU B cm= attrs=Addr=17/",
+      "tx=A cm= attrs=Cycle=20/", "attrs=Kind=2/c"},
+     {"17 BA_: the attribute is set twice for one object; the first is kept",
+      "18 BA_: \"z\" is not one of the attribute's values",
+      "19 BA_: attribute Cycle is defined for messages, not for signals",
+      "20 BA_: no attribute definition Nope"}},
     {"J1939ByDefaultAlone",
      "BA_DEF_ \"ProtocolType\" STRING;\nBA_DEF_DEF_ \"ProtocolType\" \"J1939\";\n",
      {"j1939=1"},
