@@ -40,8 +40,8 @@ void FillValue(const SignalPlan& p, uint64_t bits, tarn_value& v) {
             v.flags = 0;
             v.raw.u = bits;
             v.physical = static_cast<double>(bits) * p.factor + p.offset;
-            v.text = p.textCount && bits <= INT64_MAX ? FindText(p, static_cast<int64_t>(bits))
-                                                      : nullptr;
+            // Keys above INT64_MAX are stored by their bit pattern.
+            v.text = p.textCount ? FindText(p, static_cast<int64_t>(bits)) : nullptr;
             return;
         case Kind::Signed: {
             const int64_t i = bits::SignExtend(bits, p.field.length);
