@@ -319,7 +319,7 @@ typedef struct tarn_frame {
     uint8_t extended;
     uint8_t length;    /* payload bytes, 0..64 */
     uint8_t flags;     /* TARN_FRAME_* */
-    uint8_t reserved;
+    uint8_t channel;   /* interface index given by a log reader, else 0 */
     uint8_t data[64];
 } tarn_frame;
 
