@@ -26,7 +26,7 @@ LineSource::~LineSource() {
 
 LineSource::Status LineSource::Next(std::string_view& line, bool mayWait) {
     for (;;) {
-        if (FindLine(line)) return Status::Line;
+        if (FindLine(line)) return line.size() > kMaxLine ? Status::Overlong : Status::Line;
         char* base = m_buf.get();
         if (m_skipping) {
             m_begin = m_scan = m_end = 0;  // the overlong line's bytes are not kept
