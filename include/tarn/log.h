@@ -42,7 +42,8 @@ TARN_NATIVE_API const char* tarn_log_format_name(int format);
  * from the content. On success *out is a new reader; on failure *out is NULL
  * and the result is TARN_ERR_IO (the path cannot be opened, or is a
  * directory) or TARN_ERR_ARGUMENT. The reader closes the file. A FIFO or
- * character device path is read as a stream, like a pipe. */
+ * character device path is read as a stream, like a pipe (opening a FIFO
+ * waits for its writer, as open(2) does). */
 TARN_NATIVE_API int tarn_log_open(const char* path, int format, tarn_log_reader** out);
 
 /* As tarn_log_open, on a descriptor open for reading (a pipe, a terminal, a

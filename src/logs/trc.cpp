@@ -86,7 +86,11 @@ class TrcParser : public LineParser {
         else if (type != "Rx" && type != "Tx")
             return Fail(reason, "unknown message type");
         if (!SetChannel(m_channels, bus, f)) return Fail(reason, kChannelRefused);
-        if (!ParseTrcId(c.Word(), f)) return Fail(reason, "bad identifier");
+        if (!ParseTrcId(c.Word(), f)) {
+            if (!(f.flags & TARN_FRAME_ERROR)) return Fail(reason, "bad identifier");
+            f.id = 0;  // an error line's identifier column carries no identifier
+            f.extended = 0;
+        }
         std::string_view dlcWord = c.Word();
         if (dlcWord == "-") dlcWord = c.Word();  // the reserved column of 1.3
         uint32_t dlc = 0;

@@ -26,8 +26,11 @@ class PipeWriter {
   public:
     PipeWriter() { EXPECT_EQ(pipe(m_fds), 0); }
     ~PipeWriter() {
-        if (m_thread.joinable()) m_thread.join();
+        Join();
         close(m_fds[0]);
+    }
+    void Join() {
+        if (m_thread.joinable()) m_thread.join();
     }
     int ReadEnd() const { return m_fds[0]; }
     template <typename F>
@@ -82,6 +85,7 @@ TEST(LogReaderStream, ReturnsTheFirstFrameBeforeTheWriterGoesOn) {
     EXPECT_EQ(n, 1u);
     EXPECT_EQ(frames[0].data[0], 0x01);
     logtest::Collected rest = logtest::ReadAll(r);
+    pipe.Join();
     EXPECT_FALSE(waitedInVain);
     EXPECT_EQ(rest.frames, std::vector<std::string>{"2.000000 can0 123 S 1 02"});
 }
