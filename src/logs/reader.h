@@ -20,10 +20,10 @@ namespace tarn::logs {
 
 // A line that gave no frame although it should have.
 struct Problem {
-    uint64_t line;             // 1-based
-    bool overlong;             // longer than LineSource::kMaxLine, else malformed
-    const char* reason;        // static text
-    const char* excerpt;       // escaped start of the line, NUL-terminated; valid during the call
+    uint64_t line;        // 1-based
+    bool overlong;        // longer than LineSource::kMaxLine, else malformed
+    const char* reason;   // static text
+    const char* excerpt;  // escaped start of the line, NUL-terminated; valid during the call
 };
 using ProblemFn = void (*)(void* user, const Problem& problem);
 
