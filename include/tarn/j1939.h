@@ -5,15 +5,18 @@
  * the library, nothing printed. In addition:
  * - Time is always an argument, in microseconds from any fixed origin (a
  *   monotonic clock when live, the frames' own time stamps when a log is
- *   replayed). The library never reads a clock, sleeps or starts a thread.
+ *   replayed). The core never reads a clock, sleeps or starts a thread; the
+ *   optional timer thread (tarn_j1939_start_timer) is the one exception.
  * - A tarn_j1939 is used by one thread at a time: calls on one object must
  *   not overlap (lock around them if several threads share it). Different
- *   objects are independent.
+ *   objects are independent. Once its timer thread runs, an object takes
+ *   that lock itself (see tarn_j1939_start_timer).
  * - Callbacks run synchronously on the calling thread, from inside
- *   tarn_j1939_receive(), tarn_j1939_send() or tarn_j1939_poll(). They must
- *   not call tarn_j1939_receive(), _send() or _poll() on the same object
- *   (such a call returns TARN_ERR_STATE); they may read its statistics and
- *   use other objects.
+ *   tarn_j1939_receive(), tarn_j1939_send() or tarn_j1939_poll() (or on the
+ *   timer thread). They must not call tarn_j1939_receive(), _send(), _poll(),
+ *   _start_timer(), _stop_timer() or _destroy() on the same object (the
+ *   first five return TARN_ERR_STATE); they may read its statistics and use
+ *   other objects.
  */
 #ifndef TARN_J1939_H
 #define TARN_J1939_H
@@ -178,8 +181,8 @@ TARN_NATIVE_API void tarn_j1939_options_init(tarn_j1939_options* options);
  * range or an address without a send callback; *out is NULL on failure. */
 TARN_NATIVE_API int tarn_j1939_create(const tarn_j1939_options* options, tarn_j1939** out);
 
-/* Frees the object and its open sessions without sending or reporting
- * anything. NULL is ignored. */
+/* Stops the timer thread if one runs, then frees the object and its open
+ * sessions without sending or reporting anything. NULL is ignored. */
 TARN_NATIVE_API void tarn_j1939_destroy(tarn_j1939* j);
 
 /* Hands over one received frame: `id` is the 29-bit identifier (no flag
@@ -212,6 +215,23 @@ TARN_NATIVE_API int tarn_j1939_send(tarn_j1939* j, uint64_t now_us, uint8_t prio
  * called again (never later than needed; UINT64_MAX when nothing waits).
  * Calling it every 10 ms or so is also fine. */
 TARN_NATIVE_API int tarn_j1939_poll(tarn_j1939* j, uint64_t now_us, uint64_t* next_us);
+
+/* Starts a thread that polls the object with tarn_j1939_clock_us() time
+ * whenever a timer or a broadcast packet is due, so the application only
+ * feeds frames and starts sends. From then on the object serializes its own
+ * calls: receive, send, poll and get_stats may come from any thread, every
+ * now_us passed in must be tarn_j1939_clock_us() time, and callbacks may run
+ * on the timer thread as well. TARN_ERR_STATE when it already runs. */
+TARN_NATIVE_API int tarn_j1939_start_timer(tarn_j1939* j);
+
+/* Stops and joins the timer thread (tarn_j1939_destroy() does it too); the
+ * object is single-threaded again afterwards. Nothing happens when none runs.
+ * Not to be called while another thread is inside the object. */
+TARN_NATIVE_API int tarn_j1939_stop_timer(tarn_j1939* j);
+
+/* The monotonic clock (CLOCK_MONOTONIC) in microseconds, as the timer
+ * thread reads it. */
+TARN_NATIVE_API uint64_t tarn_j1939_clock_us(void);
 
 typedef struct tarn_j1939_stats {
     uint64_t frames;          /* frames passed to tarn_j1939_receive */

@@ -1,10 +1,15 @@
 // The native C interface of the J1939 helpers and transport (tarn/j1939.h):
-// argument checks, status codes and the callbacks over the C++ core.
+// argument checks, status codes and the callbacks over the C++ core, plus
+// the optional timer thread that polls with the monotonic clock.
 #include "tarn/j1939.h"
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 #include <new>
+#include <thread>
 
 #include "j1939/dm.h"
 #include "j1939/identifier.h"
@@ -38,6 +43,26 @@ int ToStatus(j1939::Node::Result r) {
             return TARN_ERR_IO;
     }
     return TARN_ERR_STATE;
+}
+
+// The objects whose entry is running on this thread, innermost first: a
+// callback may use other objects but never re-enter one of these.
+struct Entered {
+    const void* object;
+    const Entered* outer;
+};
+thread_local const Entered* t_entered = nullptr;
+
+bool IsEntered(const void* object) {
+    for (const Entered* e = t_entered; e != nullptr; e = e->outer) {
+        if (e->object == object) return true;
+    }
+    return false;
+}
+
+uint64_t ClockUs() {
+    using namespace std::chrono;
+    return uint64_t(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
 }  // namespace
@@ -79,24 +104,80 @@ struct tarn_j1939 final : j1939::Events {
         options.on_ended(options.user, &out);
     }
 
-    // Runs one entry of the core, refusing a call made from inside a callback.
+    ~tarn_j1939() override { StopTimer(); }
+
+    // Runs one entry of the core, refusing a call made from inside one of
+    // its callbacks; with the timer thread running, entries take turns.
     template <typename Fn>
     int Enter(Fn&& fn) {
-        if (inside) return TARN_ERR_STATE;
-        inside = true;
+        if (IsEntered(this)) return TARN_ERR_STATE;
+        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+        if (timer.joinable()) lock.lock();
+        const int status = Run(fn);
+        if (timer.joinable() && node.NextDeadline() < wakeAt) wake.notify_one();
+        return status;
+    }
+
+    template <typename Fn>
+    int Run(Fn&& fn) {
+        const Entered entry{this, t_entered};
+        t_entered = &entry;
         int status;
         try {
             status = fn();
         } catch (const std::exception&) {
             status = TARN_ERR_NO_MEMORY;  // allocations are all the core can fail on
         }
-        inside = false;
+        t_entered = entry.outer;
         return status;
+    }
+
+    int StartTimer() {
+        if (timer.joinable()) return TARN_ERR_STATE;
+        stopping = false;
+        try {
+            timer = std::thread([this] { TimerLoop(); });
+        } catch (const std::exception&) {
+            return TARN_ERR_NO_MEMORY;
+        }
+        return TARN_OK;
+    }
+
+    void StopTimer() {
+        if (!timer.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+        }
+        wake.notify_one();
+        timer.join();
+    }
+
+    // Polls at each deadline; an entry that brings one forward wakes it.
+    void TimerLoop() {
+        using Clock = std::chrono::steady_clock;
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopping) {
+            Run([this] {
+                node.Poll(ClockUs());
+                return TARN_OK;
+            });
+            wakeAt = node.NextDeadline();
+            if (wakeAt == UINT64_MAX) {
+                wake.wait(lock);
+            } else {
+                wake.wait_until(lock, Clock::time_point(std::chrono::microseconds(wakeAt)));
+            }
+        }
     }
 
     tarn_j1939_options options;
     j1939::Node node;
-    bool inside = false;
+    mutable std::mutex mutex;
+    std::condition_variable wake;
+    std::thread timer;
+    bool stopping = false;
+    uint64_t wakeAt = UINT64_MAX;  // when the timer thread means to poll next
 };
 
 extern "C" {
@@ -183,8 +264,27 @@ int tarn_j1939_poll(tarn_j1939* j, uint64_t now_us, uint64_t* next_us) {
     });
 }
 
+int tarn_j1939_start_timer(tarn_j1939* j) {
+    if (j == nullptr) return TARN_ERR_ARGUMENT;
+    return IsEntered(j) ? TARN_ERR_STATE : j->StartTimer();
+}
+
+int tarn_j1939_stop_timer(tarn_j1939* j) {
+    if (j == nullptr) return TARN_ERR_ARGUMENT;
+    if (IsEntered(j)) return TARN_ERR_STATE;
+    j->StopTimer();
+    return TARN_OK;
+}
+
+uint64_t tarn_j1939_clock_us(void) {
+    return ClockUs();
+}
+
 int tarn_j1939_get_stats(const tarn_j1939* j, tarn_j1939_stats* out) {
     if (j == nullptr || out == nullptr) return TARN_ERR_ARGUMENT;
+    // Inside a callback this thread already holds the object.
+    std::unique_lock<std::mutex> lock(j->mutex, std::defer_lock);
+    if (j->timer.joinable() && !IsEntered(j)) lock.lock();
     const j1939::Stats s = j->node.GetStats();
     *out = {s.frames,
             s.received,

@@ -5,10 +5,14 @@
 // Time is injected throughout; nothing sleeps.
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <deque>
 #include <map>
+#include <mutex>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -515,6 +519,85 @@ TEST(Capacity, FourThousandConcurrentSessionsThenRefusal) {
         EXPECT_EQ(r.data, payload(i));
     }
     EXPECT_TRUE(listener.sent.empty());
+}
+
+// Two nodes polled by their own timer threads and a bus thread carrying the
+// frames between them: the application thread only starts the sends, and
+// both transfers finish on the monotonic clock. Mostly a check for the
+// thread sanitizer; the waits are for events, bounded generously.
+TEST(TimerThread, DrivesBothEndsOnTheMonotonicClock) {
+    struct Shared {
+        std::mutex m;
+        std::condition_variable cv;
+        std::deque<std::pair<tarn_j1939*, Frame>> queue;
+        std::vector<std::pair<uint8_t, std::vector<uint8_t>>> done;  // (role, payload)
+        bool stop = false;
+        tarn_j1939* peer[2] = {nullptr, nullptr};
+    } sh;
+    struct Ctx {
+        Shared* sh;
+        int self;
+    } ctx[2] = {{&sh, 0}, {&sh, 1}};
+    tarn_j1939* j[2];
+    for (int i = 0; i < 2; ++i) {
+        tarn_j1939_options o;
+        tarn_j1939_options_init(&o);
+        o.address = 0x30 + i;
+        o.user = &ctx[i];
+        o.send = [](void* u, uint32_t id, const uint8_t* d, size_t n) {
+            auto* c = static_cast<Ctx*>(u);
+            std::lock_guard<std::mutex> lock(c->sh->m);
+            c->sh->queue.emplace_back(c->sh->peer[1 - c->self], Frame{id, {d, d + n}});
+            c->sh->cv.notify_all();
+            return 0;
+        };
+        o.on_transfer = [](void* u, const tarn_j1939_transfer* t) {
+            auto* c = static_cast<Ctx*>(u);
+            std::lock_guard<std::mutex> lock(c->sh->m);
+            c->sh->done.emplace_back(t->role, std::vector<uint8_t>(t->data, t->data + t->size));
+            c->sh->cv.notify_all();
+        };
+        ASSERT_EQ(tarn_j1939_create(&o, &j[i]), TARN_OK);
+        sh.peer[i] = j[i];
+    }
+    std::thread bus([&] {
+        std::unique_lock<std::mutex> lock(sh.m);
+        while (!sh.stop) {
+            if (sh.queue.empty()) {
+                sh.cv.wait(lock);
+                continue;
+            }
+            auto [to, f] = sh.queue.front();
+            sh.queue.pop_front();
+            lock.unlock();
+            tarn_j1939_receive(to, tarn_j1939_clock_us(), f.id, f.data.data(), f.data.size());
+            lock.lock();
+        }
+    });
+    for (tarn_j1939* x : j) ASSERT_EQ(tarn_j1939_start_timer(x), TARN_OK);
+    EXPECT_EQ(tarn_j1939_start_timer(j[0]), TARN_ERR_STATE);
+    const auto rts = Bytes(100, 1), bam = Bytes(30, 2);
+    ASSERT_EQ(tarn_j1939_send(j[0], tarn_j1939_clock_us(), 6, kPgn, 0x31, rts.data(), 100),
+              TARN_OK);
+    ASSERT_EQ(tarn_j1939_send(j[1], tarn_j1939_clock_us(), 6, 0xFEE3, 0xFF, bam.data(), 30),
+              TARN_OK);
+    {
+        std::unique_lock<std::mutex> lock(sh.m);
+        EXPECT_TRUE(
+            sh.cv.wait_for(lock, std::chrono::seconds(30), [&] { return sh.done.size() >= 4; }));
+        sh.stop = true;
+        sh.cv.notify_all();
+    }
+    bus.join();
+    for (tarn_j1939* x : j) EXPECT_EQ(tarn_j1939_stop_timer(x), TARN_OK);
+    tarn_j1939_stats st;
+    tarn_j1939_get_stats(j[1], &st);
+    EXPECT_EQ(st.received, 1u);
+    EXPECT_EQ(st.sent, 1u);
+    for (tarn_j1939* x : j) tarn_j1939_destroy(x);
+    std::multiset<std::pair<uint8_t, std::vector<uint8_t>>> got(sh.done.begin(), sh.done.end());
+    EXPECT_EQ(got, (std::multiset<std::pair<uint8_t, std::vector<uint8_t>>>{
+                       {kOrig, rts}, {kResp, rts}, {kOrig, bam}, {kListen, bam}}));
 }
 
 }  // namespace
