@@ -1,0 +1,221 @@
+// Public J1939 logs replayed through a listen-only transport at their own
+// time stamps, against transfers and trouble codes written out by hand from
+// the logs; and the identifier helpers against hand-split identifiers.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tarn/j1939.h"
+
+namespace {
+
+struct LogFrame {
+    uint64_t us;
+    uint32_t id;
+    std::vector<uint8_t> data;
+};
+
+// Lines read "(seconds.fraction) interface ID#HEXDATA"; anything else is skipped.
+std::vector<LogFrame> ReadLog(const std::string& path) {
+    std::vector<LogFrame> frames;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream ls(line);
+        std::string stamp, iface, frame;
+        if (!(ls >> stamp >> iface >> frame) || stamp.size() < 3 || stamp[0] != '(') continue;
+        const size_t hash = frame.find('#');
+        if (hash == std::string::npos) continue;
+        LogFrame f;
+        f.us = uint64_t(std::stold(stamp.substr(1)) * 1e6L + 0.5L);
+        f.id = uint32_t(std::stoul(frame.substr(0, hash), nullptr, 16));
+        for (size_t i = hash + 1; i + 1 < frame.size(); i += 2) {
+            f.data.push_back(uint8_t(std::stoul(frame.substr(i, 2), nullptr, 16)));
+        }
+        frames.push_back(f);
+    }
+    return frames;
+}
+
+std::vector<uint8_t> Hex(const std::string& text) {
+    std::vector<uint8_t> out;
+    std::istringstream in(text);
+    std::string byte;
+    while (in >> byte) out.push_back(uint8_t(std::stoul(byte, nullptr, 16)));
+    return out;
+}
+
+struct Expected {
+    uint32_t pgn;
+    uint8_t source, destination;
+    std::vector<uint8_t> data;
+    bool operator==(const Expected& o) const {
+        return pgn == o.pgn && source == o.source && destination == o.destination && data == o.data;
+    }
+};
+
+// Vehicle identification, 22 bytes from 0x49 to 0x00 by RTS/CTS.
+const Expected kVi{0xFEEC, 0x49, 0x00,
+                   Hex("23 34 56 78 90 FF 23  23 34 56 78 90 FF 23  23 34 56 78 90 FF 23  23")};
+// Engine configuration, 34 bytes broadcast by 0x00.
+const Expected kEc1{0xFEE3, 0x00, 0xFF,
+                    Hex("50 14 BB 7A 44 B6 20  1C D1 60 22 E1 E0 2E  E1 C0 44 FF FF 75 09"
+                        "  C0 44 03 41 DC 7D E1  7A 44 00 00 FF FF")};
+
+const std::map<std::string, std::vector<Expected>> kLogs = {
+    {"pretty_j1939__multipacket_bam.txt", {kEc1}},
+    {"pretty_j1939__multipacket_cts.txt", {kVi}},
+    {"pretty_j1939__multipacket_interleaved.txt", {kEc1, kVi}},  // in completion order
+    {"pretty_j1939__simplecandump.txt", {}},
+    {"pretty_j1939__test_dm1.log", {}},
+};
+
+std::string LogDir() {
+    return std::string(TARN_CORPUS_DIR) + "/logs";
+}
+
+std::vector<std::string> ListLogs() {
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(LogDir().c_str())) {
+        while (const dirent* e = readdir(dir)) {
+            if (e->d_name[0] != '.') names.push_back(e->d_name);
+        }
+        closedir(dir);
+    }
+    return names;
+}
+
+struct Replay {
+    std::vector<Expected> transfers;
+    int ended = 0, sent = 0;
+};
+
+TEST(LogReplay, EveryLogGivesItsTransfersByteExact) {
+    const auto names = ListLogs();
+    if (names.empty()) GTEST_SKIP() << "no logs in " << LogDir();
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const auto want = kLogs.find(name);
+        ASSERT_NE(want, kLogs.end()) << "a log without expectations";
+        Replay got;
+        tarn_j1939_options o;
+        tarn_j1939_options_init(&o);
+        o.user = &got;
+        o.send = [](void* u, uint32_t, const uint8_t*, size_t) {
+            ++static_cast<Replay*>(u)->sent;
+            return 0;
+        };
+        o.on_transfer = [](void* u, const tarn_j1939_transfer* t) {
+            EXPECT_EQ(t->role, TARN_J1939_LISTENER);
+            EXPECT_EQ(t->priority, 7);
+            static_cast<Replay*>(u)->transfers.push_back(
+                {t->pgn, t->source, t->destination,
+                 std::vector<uint8_t>(t->data, t->data + t->size)});
+        };
+        o.on_ended = [](void* u, const tarn_j1939_ended*) { ++static_cast<Replay*>(u)->ended; };
+        tarn_j1939* j = nullptr;
+        ASSERT_EQ(tarn_j1939_create(&o, &j), TARN_OK);
+        const auto frames = ReadLog(LogDir() + "/" + name);
+        ASSERT_FALSE(frames.empty());
+        for (const LogFrame& f : frames) {
+            ASSERT_EQ(tarn_j1939_receive(j, f.us, f.id, f.data.data(), f.data.size()), TARN_OK);
+        }
+        tarn_j1939_stats st;
+        tarn_j1939_get_stats(j, &st);
+        tarn_j1939_destroy(j);
+        EXPECT_EQ(got.transfers, want->second);
+        EXPECT_EQ(got.ended, 0);
+        EXPECT_EQ(got.sent, 0) << "a listener never sends";
+        EXPECT_EQ(st.open_sessions, 0u);
+        EXPECT_EQ(st.frames, frames.size());
+    }
+}
+
+// The DM1 log: no active code, then SPN 91 (accelerator pedal) FMI 3 once
+// with the malfunction lamp on.
+TEST(LogReplay, Dm1TroubleCodes) {
+    const auto frames = ReadLog(LogDir() + "/pretty_j1939__test_dm1.log");
+    if (frames.empty()) GTEST_SKIP() << "no DM1 log";
+    ASSERT_EQ(frames.size(), 2u);
+    struct Want {
+        uint8_t lamps[4];
+        std::vector<uint32_t> dtcs;  // spn, fmi, occurrences, conversion
+    } want[] = {{{0, 0, 0, 0}, {}}, {{1, 0, 0, 0}, {91, 3, 1, 0}}};
+    for (size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(tarn_j1939_pgn(frames[i].id), 0xFECAu);
+        tarn_j1939_dm dm;
+        tarn_j1939_dtc dtcs[4];
+        ASSERT_EQ(tarn_j1939_dm_parse(frames[i].data.data(), frames[i].data.size(), &dm, dtcs, 4),
+                  TARN_OK);
+        EXPECT_EQ(std::vector<uint8_t>(dm.lamp_status, dm.lamp_status + 4),
+                  std::vector<uint8_t>(want[i].lamps, want[i].lamps + 4));
+        EXPECT_EQ(std::vector<uint8_t>(dm.lamp_flash, dm.lamp_flash + 4),
+                  std::vector<uint8_t>(4, 3));
+        std::vector<uint32_t> got;
+        for (uint32_t k = 0; k < dm.dtc_count; ++k) {
+            got.insert(got.end(),
+                       {dtcs[k].spn, dtcs[k].fmi, dtcs[k].occurrences, dtcs[k].conversion});
+        }
+        EXPECT_EQ(got, want[i].dtcs);
+    }
+}
+
+// A transfer-sized DM1: every bit of the 19-bit SPN lands where it should,
+// partial and padding entries are skipped, and a short buffer still counts.
+TEST(DmParse, LongPayloadAndSmallBuffer) {
+    const auto payload = Hex("44 C1  FF FF FF 7E  00 00 00 00  FF FF FF FF  12 34 A5 83  BE EF");
+    tarn_j1939_dm dm;
+    tarn_j1939_dtc one;
+    ASSERT_EQ(tarn_j1939_dm_parse(payload.data(), payload.size(), &dm, &one, 1), TARN_ERR_BUFFER);
+    EXPECT_EQ(dm.dtc_count, 2u);
+    EXPECT_EQ(one.spn, 0x7FFFFu);
+    EXPECT_EQ(one.fmi, 31);
+    EXPECT_EQ(one.occurrences, 126);
+    EXPECT_EQ(one.conversion, 0);
+    tarn_j1939_dtc two[2];
+    ASSERT_EQ(tarn_j1939_dm_parse(payload.data(), payload.size(), &dm, two, 2), TARN_OK);
+    EXPECT_EQ(two[1].spn, 0x53412u);
+    EXPECT_EQ(two[1].fmi, 5);
+    EXPECT_EQ(two[1].occurrences, 3);
+    EXPECT_EQ(two[1].conversion, 1);
+    EXPECT_EQ(std::vector<uint8_t>(dm.lamp_status, dm.lamp_status + 4),
+              (std::vector<uint8_t>{1, 0, 1, 0}));
+    EXPECT_EQ(std::vector<uint8_t>(dm.lamp_flash, dm.lamp_flash + 4),
+              (std::vector<uint8_t>{3, 0, 0, 1}));
+    EXPECT_EQ(tarn_j1939_dm_parse(payload.data(), 1, &dm, two, 2), TARN_ERR_ARGUMENT);
+}
+
+TEST(Identifiers, SplitAndBuild) {
+    struct Case {
+        uint32_t id, pgn;
+        uint8_t priority, source, destination;
+    } cases[] = {
+        {0x18FECA00, 0xFECA, 6, 0x00, 0xFF},   // PDU2: DM1
+        {0x1CEC4900, 0xEC00, 7, 0x00, 0x49},   // PDU1: TP.CM to 0x49
+        {0x0CF00400, 0xF004, 3, 0x00, 0xFF},   // PDU2: EEC1
+        {0x19EFA0F9, 0x1EF00, 6, 0xF9, 0xA0},  // data page 1, PDU1
+        {0x00000000, 0x0000, 0, 0x00, 0x00},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(tarn_j1939_pgn(c.id), c.pgn);
+        EXPECT_EQ(tarn_j1939_priority(c.id), c.priority);
+        EXPECT_EQ(tarn_j1939_source(c.id), c.source);
+        EXPECT_EQ(tarn_j1939_destination(c.id), c.destination);
+        uint32_t built = 0;
+        ASSERT_EQ(tarn_j1939_make_id(c.priority, c.pgn, c.destination, c.source, &built), TARN_OK);
+        EXPECT_EQ(built, c.id);
+    }
+    uint32_t id;
+    EXPECT_EQ(tarn_j1939_make_id(8, 0xFECA, 0xFF, 0, &id), TARN_ERR_ARGUMENT);
+    EXPECT_EQ(tarn_j1939_make_id(6, 0xEF01, 0x10, 0, &id), TARN_ERR_ARGUMENT);  // PDU1 low byte
+    EXPECT_EQ(tarn_j1939_make_id(6, 0xFECA, 0x10, 0, &id), TARN_ERR_ARGUMENT);  // PDU2 addressed
+    EXPECT_EQ(tarn_j1939_make_id(6, 0x40000, 0xFF, 0, &id), TARN_ERR_ARGUMENT);
+}
+
+}  // namespace
