@@ -1,5 +1,5 @@
-/* libtarn native interface: SAE J1939 identifiers, diagnostic messages and
- * the transport protocol (BAM and RTS/CTS transfers of 9 to 1785 bytes).
+/* libtarn native interface: J1939 identifiers, diagnostic messages and
+ * the transport protocol (BAM and RTS/CTS transfers of up to 1785 bytes).
  *
  * The conventions of db.h hold: tarn_status results, opaque objects owned by
  * the library, nothing printed. In addition:
