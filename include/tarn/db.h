@@ -293,6 +293,7 @@ typedef struct tarn_value {
 /* What tarn_decode() found besides the values. */
 typedef struct tarn_decoded {
     const tarn_message* message;
+    uint32_t message_index; /* its position in file order (tarn_db_message) */
     uint32_t count;  /* values written */
     uint32_t absent; /* selected signals that did not fit a short frame */
     /* J1939 databases: fields of the frame's identifier; 0 otherwise. */
@@ -334,6 +335,7 @@ enum { TARN_FRAME_FD = 1u << 0, TARN_FRAME_REMOTE = 1u << 1, TARN_FRAME_ERROR = 
 /* One frame's outcome in a batch: its values are values[first, first+count). */
 typedef struct tarn_batch_result {
     const tarn_message* message; /* NULL when no message matched */
+    uint32_t message_index;      /* its position in file order; UINT32_MAX when none */
     uint32_t first;
     uint32_t count;
 } tarn_batch_result;

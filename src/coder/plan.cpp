@@ -127,6 +127,11 @@ void NetworkPlan::Build(const net::Network& net) {
         mp.length = m.length;
         m_maxSignals = std::max(m_maxSignals, m.signals.count);
         PlanSwitches(net, m, mp, m_signals.data() + m.signals.first);
+        for (uint32_t k = m.signals.first; k < m.signals.end(); ++k)
+            mp.multiplexed |= net.signals[k].isSwitch || net.signals[k].switchIndex >= 0;
+        const net::AttrValue* cycle = net.FindAttr(m.attrs, "GenMsgCycleTime");
+        if (cycle && cycle->number >= 0 && cycle->number < 2147483647.0)
+            mp.cycleTimeMs = static_cast<int32_t>(cycle->number);
         ids.emplace_back(uint64_t{m.id} | (m.extended ? uint64_t{1} << 32 : 0), i);
         if (m_j1939 && m.extended) pgns.emplace_back(SplitJ1939(m.id).pgn, i);
     }

@@ -56,6 +56,8 @@ struct MessagePlan {
     uint32_t firstSignal = 0;  // into NetworkPlan::signals
     uint32_t signalCount = 0;
     uint32_t length = 0;
+    bool multiplexed = false;
+    int32_t cycleTimeMs = -1;  // GenMsgCycleTime, -1 when not declared
     // Signal indexes (within the message) of the switches, in an order
     // where a switch comes after the switch that selects it.
     std::vector<uint32_t> switchOrder;

@@ -22,6 +22,7 @@ void SetJ1939(const tarn_db& db, uint32_t id, bool extended, tarn_decoded& out) 
 int DecodeAt(const tarn_db& db, size_t index, const uint8_t* data, size_t length,
              tarn_value* values, size_t capacity, tarn_decoded* out) {
     out->message = &db.messages[index];
+    out->message_index = static_cast<uint32_t>(index);
     return db.plan.Decode(index, data, length, values, capacity, &out->count, &out->absent);
 }
 
@@ -33,6 +34,7 @@ int tarn_decode(const tarn_db* db, uint32_t id, int extended, const uint8_t* dat
                 tarn_value* values, size_t capacity, tarn_decoded* out) {
     if (!db || !out || (!data && length) || (!values && capacity)) return TARN_ERR_ARGUMENT;
     out->message = nullptr;
+    out->message_index = UINT32_MAX;
     out->count = out->absent = 0;
     SetJ1939(*db, id, extended != 0, *out);
     const int64_t index = db->plan.FindMessage(id, extended != 0);
@@ -60,6 +62,7 @@ int tarn_decode_batch(const tarn_db* db, const tarn_frame* frames, size_t frame_
         const tarn_frame& f = frames[i];
         tarn_batch_result& r = results[i];
         r.message = nullptr;
+        r.message_index = UINT32_MAX;
         r.first = static_cast<uint32_t>(used);
         r.count = 0;
         if (f.flags & (TARN_FRAME_REMOTE | TARN_FRAME_ERROR)) continue;
@@ -71,6 +74,7 @@ int tarn_decode_batch(const tarn_db* db, const tarn_frame* frames, size_t frame_
                             capacity - used, &count, &absent) != TARN_OK)
             break;  // out of room: the caller continues from frame i
         r.message = &db->messages[static_cast<size_t>(index)];
+        r.message_index = static_cast<uint32_t>(index);
         r.count = count;
         used += count;
     }

@@ -30,11 +30,6 @@ int AttrAt(const net::Network& n, net::Range r, size_t index, tarn_attr* out) {
     return TARN_OK;
 }
 
-int32_t CycleTime(const net::Network& n, const net::Message& m) {
-    const net::AttrValue* v = n.FindAttr(m.attrs, "GenMsgCycleTime");
-    return v && v->number >= 0 && v->number < 2147483647.0 ? static_cast<int32_t>(v->number) : -1;
-}
-
 }  // namespace
 
 extern "C" {
@@ -109,10 +104,9 @@ int tarn_message_get_info(const tarn_message* msg, tarn_message_info* out) {
     out->signal_count = m.signals.count;
     out->sender_count = m.senders.count;
     out->attr_count = m.attrs.count;
-    out->cycle_time_ms = CycleTime(n, m);
-    out->multiplexed = 0;
-    for (uint32_t s = m.signals.first; s < m.signals.end(); ++s)
-        if (n.signals[s].isSwitch || n.signals[s].switchIndex >= 0) out->multiplexed = 1;
+    const coder::MessagePlan& plan = msg->db->plan.Message(msg->index);
+    out->cycle_time_ms = plan.cycleTimeMs;
+    out->multiplexed = plan.multiplexed ? 1 : 0;
     out->pgn = n.j1939 && m.extended ? coder::SplitJ1939(m.id).pgn : 0;
     return TARN_OK;
 }
