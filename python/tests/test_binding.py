@@ -110,31 +110,6 @@ def test_float_signal_and_unknown_frame(db):
         db.decode(0x100, bytes(65))  # more than a CAN FD frame holds
 
 
-def run_cli_json():
-    cli = cli_path()
-    if not cli:
-        pytest.skip("the tarn tool is not built")
-    out = subprocess.run([cli, "decode", "--json", DEMO_DBC, DEMO_LOG], check=True,
-                         capture_output=True, text=True).stdout
-    return [json.loads(line) for line in out.splitlines()]
-
-
-@pytest.mark.parametrize("reader", [can.CanutilsLogReader, can.LogReader])
-def test_whole_log_matches_the_cli(db, reader):
-    """python-can's reader + the binding against the tool's own parser."""
-    ours = [d for msg in reader(DEMO_LOG) for d in db.analyse(msg)]
-    theirs = run_cli_json()
-    assert [(d.name, d.id, d.transfer_size) for d in ours] == \
-        [(r["name"], r["id"], r.get("transfer")) for r in theirs]
-    for d, r in zip(ours, theirs):
-        assert list(d.values) == list(r["signals"]), d.name
-        for sig, v in r["signals"].items():
-            assert d.raw[sig] == v["raw"]
-            assert d.values[sig] == pytest.approx(v["value"], rel=1e-12, abs=1e-12)
-            assert d.texts.get(sig) == v.get("text")
-            assert d.units.get(sig) == v.get("unit")
-
-
 def test_frames_over_a_virtual_bus(db):
     """The same frames sent over python-can's virtual bus decode the same."""
     channel = "tarn-replay-%d" % random.randrange(1 << 30)

@@ -20,6 +20,14 @@ class Writer {
   private:
     void Num(double v);
     void Int(int64_t v) { Append(std::to_string(v)); }
+    // An integer where it is one, else the number as written (INT limits
+    // beyond 64 bits occur in real files).
+    void Whole(double v) {
+        if (v == std::trunc(v) && std::fabs(v) < 9.2e18)
+            Int(static_cast<int64_t>(v));
+        else
+            Num(v);
+    }
     void Uint(uint64_t v) { Append(std::to_string(v)); }
     void Quoted(std::string_view s);
     void Append(std::string_view s) { m_out.append(s.data(), s.size()); }
@@ -181,8 +189,7 @@ void Writer::AttrDefs() {
         } else if (d.type == AttrType::Float) {
             Append(" "), Num(d.minimum), Append(" "), Num(d.maximum);
         } else if (d.type != AttrType::String) {
-            Append(" "), Int(static_cast<int64_t>(d.minimum)), Append(" ");
-            Int(static_cast<int64_t>(d.maximum));
+            Append(" "), Whole(d.minimum), Append(" "), Whole(d.maximum);
         }
         Append(";\n");
     }

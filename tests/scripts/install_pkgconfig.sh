@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and links two consumers against it:
-# a C program through pkg-config and a CMake project through find_package.
+# a C program through pkg-config and a CMake project through find_package;
+# the installed tool runs from the prefix.
 # Args: $1 libtarn.so, $2 source dir, $3 build dir.
 set -euo pipefail
 build=$3
@@ -21,6 +22,11 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 pcdir=$(dirname "$(find "$prefix" -name tarn.pc | head -n1)")
 libdir=$(dirname "$(find "$prefix" -name 'libtarn.so' | head -n1)")
 test -f "$prefix/include/tarn.h"
+test -f "$prefix/include/tarn/db.h"
+# The installed tool starts from its prefix with no library path set.
+if [ -x "$prefix/bin/tarn" ]; then
+    env -u LD_LIBRARY_PATH "$prefix/bin/tarn" --version
+fi
 
 mkdir "$work/cm"
 cat >"$work/cm/consumer.c" <<'C'

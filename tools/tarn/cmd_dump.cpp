@@ -13,7 +13,7 @@ const char* kObjects[] = {"network", "node", "message", "signal", "environment"}
 const char* kTypes[] = {"int", "hex", "float", "string", "enum"};
 const char* kValueTypes[] = {"integer", "float", "double"};
 
-void attrJson(std::string& out, const tarn_attr& a) {
+void attrJson(OutBuf& out, const tarn_attr& a) {
     appendJsonString(out, a.name);
     out += ':';
     if (a.type == TARN_ATTR_STRING || a.type == TARN_ATTR_ENUM)
@@ -24,7 +24,7 @@ void attrJson(std::string& out, const tarn_attr& a) {
 
 // {"name": value, ...} from an accessor over indexes.
 template <class Get>
-void attrsJson(std::string& out, size_t count, Get get) {
+void attrsJson(OutBuf& out, size_t count, Get get) {
     out += "\"attributes\":{";
     for (size_t i = 0; i < count; ++i) {
         tarn_attr a;
@@ -35,7 +35,7 @@ void attrsJson(std::string& out, size_t count, Get get) {
     out += '}';
 }
 
-void signalJson(std::string& out, const tarn::Message& m, const tarn::Signal& s) {
+void signalJson(OutBuf& out, const tarn::Message& m, const tarn::Signal& s) {
     const tarn_signal_info& i = s.info();
     out += "{\"name\":";
     appendJsonString(out, i.name);
@@ -90,7 +90,7 @@ void signalJson(std::string& out, const tarn::Message& m, const tarn::Signal& s)
     out += '}';
 }
 
-void messageJson(std::string& out, const tarn::Message& m, bool j1939) {
+void messageJson(OutBuf& out, const tarn::Message& m, bool j1939) {
     const tarn_message_info& i = m.info();
     out += "{\"name\":";
     appendJsonString(out, i.name);
@@ -122,7 +122,7 @@ void messageJson(std::string& out, const tarn::Message& m, bool j1939) {
     out += "]}";
 }
 
-void definitionsJson(std::string& out, const tarn_db* db, const tarn_db_info& info) {
+void definitionsJson(OutBuf& out, const tarn_db* db, const tarn_db_info& info) {
     out += ",\"attribute_definitions\":[";
     for (size_t k = 0; k < info.attr_def_count; ++k) {
         tarn_attr_def d;
@@ -159,7 +159,7 @@ void definitionsJson(std::string& out, const tarn_db* db, const tarn_db_info& in
     out += ']';
 }
 
-void tablesAndNodesJson(std::string& out, const tarn_db* db, const tarn_db_info& info) {
+void tablesAndNodesJson(OutBuf& out, const tarn_db* db, const tarn_db_info& info) {
     out += ",\"value_tables\":{";
     for (size_t t = 0; t < info.value_table_count; ++t) {
         const char* name;
@@ -198,7 +198,8 @@ void tablesAndNodesJson(std::string& out, const tarn_db* db, const tarn_db_info&
 
 int dumpJson(const tarn::Database& db) {
     const tarn_db_info info = db.info();
-    std::string out = "{\"version\":";
+    OutBuf out;
+    out += "{\"version\":";
     appendJsonString(out, info.version);
     out += info.j1939 ? ",\"j1939\":true" : ",\"j1939\":false";
     out += ",\"comment\":";
@@ -221,18 +222,16 @@ int dumpJson(const tarn::Database& db) {
 }
 
 std::string quoted(std::string_view s) {
-    std::string out;
-    appendJsonString(out, s);
-    return out;
+    return jsonQuoted(s);
 }
 
 std::string num(double v) {
-    std::string out;
+    OutBuf out;
     appendNumber(out, v);
-    return out;
+    return out.str();
 }
 
-void signalText(std::string& out, const tarn::Message& m, const tarn::Signal& s) {
+void signalText(OutBuf& out, const tarn::Message& m, const tarn::Signal& s) {
     const tarn_signal_info& i = s.info();
     std::string mux = i.is_switch ? "M" : "";
     if (i.switch_index >= 0) {
@@ -260,7 +259,8 @@ void signalText(std::string& out, const tarn::Message& m, const tarn::Signal& s)
 
 int dumpText(const tarn::Database& db) {
     const tarn_db_info info = db.info();
-    std::string out = std::string("protocol: ") + (info.j1939 ? "J1939" : "CAN") + "\n";
+    OutBuf out;
+    out += std::string("protocol: ") + (info.j1939 ? "J1939" : "CAN") + "\n";
     out += "nodes: " + std::to_string(info.node_count) + "\n";
     for (size_t n = 0; n < info.node_count; ++n) {
         tarn_node_info node;

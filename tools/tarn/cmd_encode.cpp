@@ -61,12 +61,13 @@ void printFrame(const Options& opts, double t, uint32_t id, bool extended, const
                 size_t length, bool fd) {
     char time[32];
     std::snprintf(time, sizeof time, "(%.6f) ", t);
-    std::string line = time + opts.interface + " ";
+    OutBuf line;
+    line += time + opts.interface + " ";
     appendHexId(line, id, extended);
     line += fd ? "##0" : "#";
     appendHexBytes(line, data, length, false);
     line += '\n';
-    std::fputs(line.c_str(), stdout);
+    std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
 size_t fdLength(size_t n) {
