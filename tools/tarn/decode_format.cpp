@@ -27,55 +27,43 @@ void appendUint(OutBuf& out, uint64_t v) {
 
 }  // namespace
 
-Formatter::Formatter(const tarn::Database& db, const Options& opts, const tarn_log_reader* reader)
-    : m_db(db), m_opts(opts), m_reader(reader), m_messages(db.info().message_count) {
-    m_out.reserve(1 << 20);
-    if (opts.csv) m_out += "t,iface,id,name,signal,value,raw,unit,text\n";
-}
-
-const Formatter::MessageText& Formatter::messageText(const tarn_decoded& d) {
-    MessageText& m = m_messages[d.message_index];
-    if (m.ready) return m;
-    m.ready = true;
-    const tarn_message* handle = d.message;
-    tarn_message_info info;
-    tarn_message_get_info(handle, &info);
-    m.name = info.name;
-    m.json = jsonQuoted(info.name);
-    m.csv = csvField(info.name);
-    for (tarn::Signal s : tarn::Message(handle).signals()) {
-        SignalText t;
-        t.info = s.info();
-        t.scale = DecimalScale::For(t.info);
-        t.text = "  " + std::string(s.name()) + "=";
-        if (!s.unit().empty()) t.unitText = " " + std::string(s.unit());
-        t.json = jsonQuoted(s.name()) + ":{\"value\":";
-        if (!s.unit().empty()) t.jsonUnit = ",\"unit\":" + jsonQuoted(s.unit());
-        t.csv = csvField(s.name());
-        t.csvUnit = csvField(s.unit());
-        m.signals.push_back(std::move(t));
+Tables::Tables(const tarn::Database& db, const Options& opts, const tarn_log_reader* reader)
+    : m_reader(reader) {
+    for (tarn::Message msg : db.messages()) {
+        MessageText m;
+        m.name = msg.name();
+        m.json = jsonQuoted(msg.name());
+        m.csv = csvField(msg.name());
+        m.wanted = opts.only.empty() ||
+                   std::find(opts.only.begin(), opts.only.end(), m.name) != opts.only.end();
+        for (tarn::Signal s : msg.signals()) {
+            SignalText t;
+            t.info = s.info();
+            t.scale = DecimalScale::For(t.info);
+            t.text = "  " + std::string(s.name()) + "=";
+            if (!s.unit().empty()) t.unitText = " " + std::string(s.unit());
+            t.json = jsonQuoted(s.name()) + ":{\"value\":";
+            if (!s.unit().empty()) t.jsonUnit = ",\"unit\":" + jsonQuoted(s.unit());
+            t.csv = csvField(s.name());
+            t.csvUnit = csvField(s.unit());
+            m.signals.push_back(std::move(t));
+        }
+        m_messages.push_back(std::move(m));
     }
-    return m;
 }
 
-const std::string& Formatter::channel(uint8_t index, bool json) {
+void Tables::learnChannel(uint8_t index) {
     while (m_channels.size() <= index) {
         const char* name = "";
         tarn_log_channel(m_reader, m_channels.size(), &name);
         m_channels.emplace_back(name);
         m_channelsJson.push_back(jsonQuoted(name));
     }
-    return json ? m_channelsJson[index] : m_channels[index];
-}
-
-bool Formatter::wanted(const MessageText* m) const {
-    if (m_opts.only.empty()) return true;
-    return m && std::find(m_opts.only.begin(), m_opts.only.end(), m->name) != m_opts.only.end();
 }
 
 void Formatter::record(const Record& r) {
-    const MessageText* m = r.decoded ? &messageText(*r.decoded) : nullptr;
-    if (!wanted(m)) return;
+    const MessageText* m = r.decoded ? &m_tables.message(r.decoded->message_index) : nullptr;
+    if (m ? !m->wanted : !m_opts.only.empty()) return;
     if (m_opts.json)
         json(r, m);
     else if (m_opts.csv)
@@ -110,7 +98,7 @@ void Formatter::text(const Record& r, const MessageText* m) {
         appendFixed6(m_out, r.frame->time);
         m_out += ' ';
     }
-    m_out += channel(r.frame->channel, false);
+    m_out += m_tables.channel(r.frame->channel, false);
     m_out += ' ';
     appendHexId(m_out, r.id, r.extended);
     m_out += ' ';
@@ -143,7 +131,7 @@ void Formatter::json(const Record& r, const MessageText* m) {
     m_out += "{\"t\":";
     appendJsonNumber(m_out, r.frame->time);
     m_out += ",\"iface\":";
-    m_out += channel(r.frame->channel, true);
+    m_out += m_tables.channel(r.frame->channel, true);
     m_out += ",\"id\":";
     appendUint(m_out, r.id);
     m_out += r.extended ? ",\"extended\":true,\"name\":" : ",\"extended\":false,\"name\":";
@@ -197,7 +185,7 @@ void Formatter::csv(const Record& r, const MessageText* m) {
     head.clear();
     if (std::isfinite(r.frame->time)) appendFixed6(head, r.frame->time);
     head += ',';
-    appendCsvField(head, channel(r.frame->channel, false));
+    appendCsvField(head, m_tables.channel(r.frame->channel, false));
     head += ',';
     appendUint(head, r.id);
     head += ',';
@@ -220,20 +208,22 @@ void Formatter::csv(const Record& r, const MessageText* m) {
     }
 }
 
-void Formatter::flush() {
-    const char* p = m_out.data();
-    size_t left = m_out.size();
-    while (left > 0 && m_ok) {
+bool writeOut(OutBuf& out) {
+    const char* p = out.data();
+    size_t left = out.size();
+    bool ok = true;
+    while (left > 0) {
         const ssize_t n = ::write(1, p, left);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            m_ok = false;  // a closed pipe or a full disk: stop writing
+            ok = false;  // a closed pipe or a full disk
             break;
         }
         p += n;
         left -= static_cast<size_t>(n);
     }
-    m_out.clear();
+    out.clear();
+    return ok;
 }
 
 }  // namespace tarncli

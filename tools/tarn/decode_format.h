@@ -15,8 +15,7 @@
 namespace tarncli {
 
 struct Counts {
-    size_t frames = 0, messages = 0, transfers = 0, transport = 0, unknown = 0, skipped = 0;
-    size_t abandoned = 0;
+    size_t messages = 0, transfers = 0, unknown = 0, abandoned = 0;
 };
 
 // One thing to print: a decoded frame or a reassembled transfer, or with
@@ -33,47 +32,64 @@ struct Record {
     size_t size = 0;
 };
 
-class Formatter {
+// What every line reuses, rendered once: per-message and per-signal text
+// pieces and the interface names. Read-only while formatting, so several
+// formatters share it across threads.
+class Tables {
   public:
-    Formatter(const tarn::Database& db, const Options& opts, const tarn_log_reader* reader);
-    void record(const Record& r);
-    size_t pending() const { return m_out.size(); }
-    void flush();
-    bool ok() const { return m_ok; }
-
-  private:
     struct SignalText {
         std::string text;  // "  Name="
         std::string unitText;
         std::string json;  // "\"Name\":{\"value\":"
         std::string jsonUnit;
-        std::string csv;  // "Name,"  (after the message columns)
+        std::string csv;
         std::string csvUnit;
         tarn_signal_info info;
         DecimalScale scale;
     };
     struct MessageText {
-        bool ready = false;
         std::string name, json, csv;
+        bool wanted = true;  // --only
         std::vector<SignalText> signals;
     };
-    const MessageText& messageText(const tarn_decoded& d);
-    const std::string& channel(uint8_t index, bool json);
 
+    Tables(const tarn::Database& db, const Options& opts, const tarn_log_reader* reader);
+    const MessageText& message(uint32_t index) const { return m_messages[index]; }
+    // Learns interface names as the reader finds them; not thread-safe.
+    void learnChannel(uint8_t index);
+    const std::string& channel(uint8_t index, bool json) const {
+        return json ? m_channelsJson[index] : m_channels[index];
+    }
+
+  private:
+    const tarn_log_reader* m_reader;
+    std::vector<MessageText> m_messages;
+    std::vector<std::string> m_channels, m_channelsJson;
+};
+
+class Formatter {
+  public:
+    Formatter(const Tables& tables, const Options& opts) : m_tables(tables), m_opts(opts) {
+        m_out.reserve(1 << 20);
+    }
+    void record(const Record& r);
+    OutBuf& out() { return m_out; }
+
+  private:
+    using MessageText = Tables::MessageText;
+    using SignalText = Tables::SignalText;
     void text(const Record& r, const MessageText* m);
     void json(const Record& r, const MessageText* m);
     void csv(const Record& r, const MessageText* m);
     void dtcs(const Record& r, bool asJson);
-    bool wanted(const MessageText* m) const;
 
-    const tarn::Database& m_db;
+    const Tables& m_tables;
     const Options& m_opts;
-    const tarn_log_reader* m_reader;
-    std::vector<MessageText> m_messages;
-    std::vector<std::string> m_channels, m_channelsJson;
     OutBuf m_out;
     OutBuf m_head;  // a CSV row's message columns
-    bool m_ok = true;
 };
+
+// Writes a buffer to standard output; false once the output is gone.
+bool writeOut(OutBuf& out);
 
 }  // namespace tarncli
