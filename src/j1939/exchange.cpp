@@ -122,9 +122,13 @@ void CExchange::WaitLocked(Lock& lock, unsigned ms) {
 // ---------------------------------------------------------------- sending
 
 uint32_t CExchange::Send(const DBCMessage* msg) {
+    return Send(msg, libdbc::Env::Instance().GetFrameType());
+}
+
+uint32_t CExchange::Send(const DBCMessage* msg, uint32_t layout) {
     if (msg == nullptr) return 1;
     try {
-        if (msg->size < 9) return SendShort(*msg);
+        if (msg->size < 9) return SendShort(*msg, layout);
         if (m_disableMultiSend) return 3;
         return Enqueue(*msg);
     } catch (const std::exception& e) {
@@ -135,11 +139,11 @@ uint32_t CExchange::Send(const DBCMessage* msg) {
     return 1;
 }
 
-uint32_t CExchange::SendShort(const DBCMessage& msg) {
+uint32_t CExchange::SendShort(const DBCMessage& msg, uint32_t layout) {
     std::vector<VCI_CAN_OBJ> frames = EncodeMsg(msg);
     if (frames.empty()) return 1;
     frames[0].id = msg.id & 0x7FFFFFFF;
-    return SendSingleFrm(frames[0]) ? 0 : 1;
+    return SendSingleFrm(frames[0], layout) ? 0 : 1;
 }
 
 uint32_t CExchange::Enqueue(const DBCMessage& msg) {
@@ -169,7 +173,12 @@ std::vector<VCI_CAN_OBJ> CExchange::EncodeMsg(const DBCMessage& msg) {
     return frames;
 }
 
+// The send thread's frames: the layout is read as each one leaves.
 bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame) {
+    return SendSingleFrm(frame, libdbc::Env::Instance().GetFrameType());
+}
+
+bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame, uint32_t layout) {
     SenderFn sender;
     void* context;
     {
@@ -178,7 +187,7 @@ bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame) {
         context = m_senderContext;
     }
     if (sender == nullptr) return false;
-    if (libdbc::Env::Instance().GetFrameType() == 0) {
+    if (layout == TARN_FRAME_SOCKETCAN) {
         TarnCanFrame out = VciToCanFrame(frame);
         return sender(context, &out);
     }

@@ -72,7 +72,7 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out);
     void OnReceive(const VCI_CAN_OBJ& frame) { m_exchange.OnReceive(&frame); }
     void SetSender(CExchange::SenderFn sender, void* context);
-    uint32_t Send(const DBCMessage* msg) { return m_exchange.Send(msg); }
+    uint32_t Send(const DBCMessage* msg, uint32_t layout) { return m_exchange.Send(msg, layout); }
 
     void SetAsyncAnalyseCallback(TARN_AsyncAnalyseCallback callback, void* context);
     void SetOnMultiTransDoneFunc(TARN_MultiTransDoneFunc callback, void* context);

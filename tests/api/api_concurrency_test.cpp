@@ -1,5 +1,6 @@
 // Several application threads on the C interface at once: a release waits
-// for the calls in flight on its handle.
+// for the calls in flight on its handle, and each call keeps the frame
+// layout it started with.
 // Each stress case runs for a bounded time; the sanitizer builds turn the
 // faults these cases provoke into failures as well.
 #include <gtest/gtest.h>
@@ -140,6 +141,59 @@ TEST(ApiRelease, RacingCallsNeverReachAReleasedInstance) {
     });
     EXPECT_GT(rounds, 5);
     EXPECT_EQ(bad, 0);
+}
+
+// ---- the process-wide frame layout switched under running calls -----------
+
+class LayoutFlipper {
+  public:
+    LayoutFlipper()
+        : m_thread([this] {
+              for (uint32_t i = 0; !m_stop; ++i) TARN_SetFrameType(i & 1);
+          }) {}
+    ~LayoutFlipper() {
+        m_stop = true;
+        m_thread.join();
+        TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
+    }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+// An FD send and an FD analysis each read the layout once: they either
+// refuse (the VCI layout has no FD frames) or produce exactly what they
+// produce without the switching.
+TEST(ApiFrameLayout, EachCallKeepsTheLayoutItStartedWith) {
+    const uint32_t h = NewLoaded(true, false);
+    auto msg = NewMessage();
+    auto out = NewMessage();
+    ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, msg.get()));
+    const std::vector<uint8_t> payload = FillRandom(*msg, 17);
+    const TarnCanFdFrame fd = MakeFd(kLong20Id, payload);
+    struct Capture {
+        TarnCanFdFrame last{};
+        static bool Send(void* ctx, void* frame) {
+            std::memcpy(&static_cast<Capture*>(ctx)->last, frame, sizeof(TarnCanFdFrame));
+            return true;
+        }
+    } capture;
+    TARN_SetCANFDSender(h, &Capture::Send, &capture);
+
+    int wrong = 0;
+    LayoutFlipper flipper;
+    Repeat([&] {
+        std::memset(&capture.last, 0, sizeof(capture.last));
+        if (TARN_Send(h, msg.get(), 1) == TARN_SEND_OK &&
+            (capture.last.can_id != fd.can_id || capture.last.len != fd.len ||
+             std::memcmp(capture.last.data, fd.data, fd.len) != 0))
+            ++wrong;
+        if (TARN_Analyse(h, &fd, 1, out.get()) && RawValues(*out) != RawValues(*msg)) ++wrong;
+        return true;
+    });
+    EXPECT_EQ(wrong, 0);
+    TARN_Release(h);
 }
 
 }  // namespace
