@@ -46,8 +46,10 @@ J1939ID J1939ID::FromId(uint64_t id) {
     return out;
 }
 
-CExchange::CExchange(CAnalyser* analyser, bool disableMultiSend)
-    : m_analyser(analyser), m_disableMultiSend(disableMultiSend) {
+CExchange::CExchange(CAnalyser* analyser, bool disableMultiSend, std::mutex* analyserLock)
+    : m_analyser(analyser),
+      m_disableMultiSend(disableMultiSend),
+      m_analyserLock(analyserLock ? analyserLock : &m_encodeMutex) {
     if (!disableMultiSend) m_threadStarted = m_thread.Start(&CExchange::OnMultiSend, this);
 }
 
@@ -168,7 +170,7 @@ uint32_t CExchange::Enqueue(const DBCMessage& msg) {
 std::vector<VCI_CAN_OBJ> CExchange::EncodeMsg(const DBCMessage& msg) {
     std::vector<VCI_CAN_OBJ> frames;
     if (m_analyser == nullptr) return frames;
-    std::lock_guard<std::mutex> lock(m_encodeMutex);
+    std::lock_guard<std::mutex> lock(*m_analyserLock);
     m_analyser->Encode(frames, &msg);
     return frames;
 }

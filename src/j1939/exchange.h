@@ -36,7 +36,9 @@ class CExchange {
         std::vector<VCI_CAN_OBJ> frames;
     };
 
-    CExchange(CAnalyser* analyser, bool disableMultiSend);
+    // `analyserLock`, when given, is the lock its owner holds around every
+    // other use of the analyser; encodes then hold it too.
+    CExchange(CAnalyser* analyser, bool disableMultiSend, std::mutex* analyserLock = nullptr);
     virtual ~CExchange();
     CExchange(const CExchange&) = delete;
     CExchange& operator=(const CExchange&) = delete;
@@ -132,6 +134,7 @@ class CExchange {
 
     std::atomic<bool> m_stop{false};
     std::mutex m_encodeMutex;  // the analyser is not safe for concurrent encodes
+    std::mutex* const m_analyserLock;
     kq::Thread m_thread;
     bool m_threadStarted = false;
 };

@@ -1,6 +1,6 @@
 // Several application threads on the C interface at once: a release waits
-// for the calls in flight on its handle, and each call keeps the frame
-// layout it started with.
+// for the calls in flight on its handle, each call keeps the frame layout it
+// started with, and decodes on one handle never see each other's values.
 // Each stress case runs for a bounded time; the sanitizer builds turn the
 // faults these cases provoke into failures as well.
 #include <gtest/gtest.h>
@@ -194,6 +194,46 @@ TEST(ApiFrameLayout, EachCallKeepsTheLayoutItStartedWith) {
     });
     EXPECT_EQ(wrong, 0);
     TARN_Release(h);
+}
+
+// ---- decodes on one handle from two threads --------------------------------
+
+struct AsyncChecker {
+    std::atomic<int> reports{0};
+    std::atomic<int> wrong{0};
+    std::vector<uint64_t> expected;
+    static void OnAsync(void* ctx, DBCMessage* msg, uint64_t) {
+        auto* self = static_cast<AsyncChecker*>(ctx);
+        if (RawValues(*msg) != self->expected) ++self->wrong;
+        ++self->reports;
+    }
+};
+
+// The analysis thread decodes all-ones frames while the caller decodes
+// all-zero frames on the same handle: each sees only its own raw values.
+TEST(ApiDecodeRace, ConcurrentDecodesOnOneHandleKeepTheirOwnValues) {
+    const uint32_t h = NewLoaded(true, true);
+    auto msg = NewMessage();
+    const WireFrame ones = ToWire(EngineFrame(0xFF), TARN_FRAME_SOCKETCAN);
+    const WireFrame zeros = ToWire(EngineFrame(0x00), TARN_FRAME_SOCKETCAN);
+    ASSERT_TRUE(TARN_Analyse(h, ones.bytes, 0, msg.get()));
+    AsyncChecker checker;
+    checker.expected = RawValues(*msg);
+    ASSERT_TRUE(TARN_Analyse(h, zeros.bytes, 0, msg.get()));
+    const std::vector<uint64_t> allZero(msg->signalCount, 0);
+    ASSERT_EQ(RawValues(*msg), allZero);
+    TARN_SetAsyncAnalyseCallback(h, &AsyncChecker::OnAsync, &checker);
+
+    int wrong = 0;
+    const int rounds = Repeat([&] {
+        for (int i = 0; i < 4; ++i) TARN_AsyncAnalyse(h, ones.bytes, 0, 0);
+        if (!TARN_Analyse(h, zeros.bytes, 0, msg.get()) || RawValues(*msg) != allZero) ++wrong;
+        return true;
+    });
+    TARN_Release(h);
+    EXPECT_EQ(wrong, 0) << "of " << rounds << " decodes";
+    EXPECT_EQ(checker.wrong, 0) << "of " << checker.reports << " asynchronous decodes";
+    EXPECT_GT(checker.reports, 0);
 }
 
 }  // namespace
