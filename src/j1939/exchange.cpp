@@ -19,6 +19,10 @@ constexpr uint64_t kTransferTimeoutMs = 5000;
 constexpr unsigned kIdlePollMs = 50;
 // Sequence numbers are one byte: 255 packets of 7 bytes at most.
 constexpr uint32_t kMaxTransferSize = 255 * 7;
+// Each waiting message is a whole record copy (about 132 KiB) and a silent
+// peer takes one off only every 1250 ms: the bound keeps a stalled
+// transport's memory in check.
+constexpr uint32_t kMaxQueued = 1024;
 
 enum State : uint32_t {
     kIdle = 0,
@@ -155,16 +159,23 @@ uint32_t CExchange::Enqueue(const DBCMessage& msg) {
         return 1;
     }
     auto copy = std::make_unique<DBCMessage>(msg);
-    Lock lock(m_mutex);
-    // After Stop nothing would ever take it off the queue.
-    if (m_stop) return 1;
-    if (m_state == kAcked || m_state == kAborted) {
-        m_state = kIdle;
-        m_mode = kModeIdle;
+    {
+        Lock lock(m_mutex);
+        // After Stop nothing would ever take it off the queue.
+        if (m_stop) return 1;
+        if (m_queue.size() < kMaxQueued) {
+            if (m_state == kAcked || m_state == kAborted) {
+                m_state = kIdle;
+                m_mode = kModeIdle;
+            }
+            m_queue.push_back(std::move(copy));
+            m_queued.notify_all();
+            return 2;
+        }
     }
-    m_queue.push_back(std::move(copy));
-    m_queued.notify_all();
-    return 2;
+    KQ_LOG(kq::LOG_ERROR, "CExchange::Send: %u messages wait already, %s refused\n", kMaxQueued,
+           msg.name);
+    return 3;
 }
 
 std::vector<VCI_CAN_OBJ> CExchange::EncodeMsg(const DBCMessage& msg) {

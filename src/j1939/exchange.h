@@ -49,7 +49,8 @@ class CExchange {
     uint8_t GetAddrSrc() const;
     uint8_t GetAddrDst() const;
 
-    // 0 sent, 1 not sent, 2 queued, 3 refused (multi-packet sending disabled).
+    // 0 sent, 1 not sent, 2 queued, 3 refused (multi-packet sending disabled,
+    // or 1,024 long messages wait already).
     // A short message goes out in `layout`, the frame layout its caller read;
     // queued ones in the layout in force when they are sent.
     uint32_t Send(const DBCMessage* msg, uint32_t layout);
