@@ -173,8 +173,9 @@ uint32_t CExchange::Enqueue(const DBCMessage& msg) {
             return 2;
         }
     }
-    KQ_LOG(kq::LOG_ERROR, "CExchange::Send: %u messages wait already, %s refused\n", kMaxQueued,
-           msg.name);
+    // The name fills its buffer without a terminator when it is that long.
+    KQ_LOG(kq::LOG_ERROR, "CExchange::Send: %u messages wait already, %.*s refused\n", kMaxQueued,
+           static_cast<int>(sizeof(msg.name)), msg.name);
     return 3;
 }
 
@@ -257,7 +258,8 @@ bool CExchange::TakeNext() {
     }
     std::vector<VCI_CAN_OBJ> frames = EncodeMsg(*msg);
     if (frames.empty()) {
-        KQ_LOG(kq::LOG_ERROR, "CExchange: cannot encode %s, dropped\n", msg->name);
+        KQ_LOG(kq::LOG_ERROR, "CExchange: cannot encode %.*s, dropped\n",
+               static_cast<int>(sizeof(msg->name)), msg->name);
         return false;
     }
     Lock lock(m_mutex);
