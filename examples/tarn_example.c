@@ -13,16 +13,21 @@
 
 #include "tarn.h"
 
+/* Width and text of a fixed-size record buffer, for "%.*s". */
+#define TEXT(buf) (int)sizeof(buf), (buf)
+
 static void print_message(const DBCMessage* msg) {
-    printf("%s (0x%X%s, %u bytes)\n", msg->name, (unsigned)msg->id,
+    /* A text field that fills its buffer has no terminator: print at most
+       the buffer's size. */
+    printf("%.*s (0x%X%s, %u bytes)\n", TEXT(msg->name), (unsigned)msg->id,
            msg->extended ? ", extended" : "", (unsigned)msg->size);
     for (uint32_t i = 0; i < msg->signalCount; ++i) {
         const DBCSignal* sig = &msg->signals[i];
         uint64_t raw = sig->rawValue;
         const double value = TARN_CalcActualValue(sig, &raw);
-        printf("  %s = %g", sig->name, value);
-        if (sig->unit[0] != '\0') printf(" %s", sig->unit);
-        if (sig->valueDescription[0] != '\0') printf(" (%s)", sig->valueDescription);
+        printf("  %.*s = %g", TEXT(sig->name), value);
+        if (sig->unit[0] != '\0') printf(" %.*s", TEXT(sig->unit));
+        if (sig->valueDescription[0] != '\0') printf(" (%.*s)", TEXT(sig->valueDescription));
         printf("\n");
     }
 }
@@ -70,11 +75,12 @@ static int round_trip(uint32_t h, DBCMessage* msg, DBCMessage* out) {
         sig->rawValue = TARN_CalcRawValue(sig, &physical);
     }
     if (!TARN_Encode(h, frames, &count, msg) || count == 0) {
-        printf("%s: nothing to encode\n", msg->name);
+        printf("%.*s: nothing to encode\n", TEXT(msg->name));
         return 1;
     }
     if (!TARN_Decode(h, out, frames, count)) {
-        printf("%s: encoded %u frame(s) but could not decode them\n", msg->name, (unsigned)count);
+        printf("%.*s: encoded %u frame(s) but could not decode them\n", TEXT(msg->name),
+               (unsigned)count);
         return 1;
     }
     print_message(out);

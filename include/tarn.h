@@ -50,10 +50,10 @@ enum { TARN_VALUE_INTEGER = 0, TARN_VALUE_FLOAT = 1, TARN_VALUE_DOUBLE = 2 };
 
 /* TARN_Send results. */
 enum {
-    TARN_SEND_OK = 0,        /* sent */
-    TARN_SEND_FAILED = 1,    /* not sent */
-    TARN_SEND_QUEUED = 2,    /* queued for the J1939 transport */
-    TARN_SEND_REFUSED = 3    /* multi-packet sending is disabled */
+    TARN_SEND_OK = 0,     /* sent */
+    TARN_SEND_FAILED = 1, /* not sent */
+    TARN_SEND_QUEUED = 2, /* queued for the J1939 transport */
+    TARN_SEND_REFUSED = 3 /* multi-packet sending is disabled, or 1,024 messages wait */
 };
 
 /* Frame layouts (TARN_SetFrameType / TARN_GetFrameType). */

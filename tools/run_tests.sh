@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: a plain g++ build, an AddressSanitizer+UBSan clang
 # build, a ThreadSanitizer g++ build (each with its ctest run), and a short
-# libFuzzer run of the DBC reader when the harness is present.
+# libFuzzer run of every fuzz harness.
 # Build trees live under build-ci/. Exits non-zero when anything failed.
 set -euo pipefail
 
@@ -111,32 +111,54 @@ if [ -n "$CTEST_PREFIX" ]; then echo "TSan needs: $CTEST_PREFIX"; fi
 CTEST_PREFIX=$CTEST_PREFIX run_stage tsan -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ \
     -DTARN_SANITIZE=thread -DTARN_BUILD_BENCH=OFF
 
-header "4/4 libFuzzer run of the DBC reader (60 s)"
+# One line per harness of tests/fuzz/ (see its CMakeLists.txt).
+fuzzers=(
+    dbc_fuzz
+    frames_fuzz
+    j1939_fuzz
+    native_reader_fuzz
+    native_fuzz
+)
+fuzz_seconds=30
+
+header "4/4 libFuzzer runs: ${fuzzers[*]} (${fuzz_seconds} s each)"
 if [ -f "$root/tests/fuzz/CMakeLists.txt" ]; then
     fuzz_dir=$ci/fuzz
-    fuzz_ok=0
+    artifacts=$ci/fuzz-artifacts
+    mkdir -p "$artifacts"
     if cmake -S "$root" -B "$fuzz_dir" "${launcher[@]}" -DCMAKE_C_COMPILER=clang \
         -DCMAKE_CXX_COMPILER=clang++ -DTARN_BUILD_FUZZ=ON -DTARN_BUILD_TESTS=OFF \
         -DTARN_BUILD_BENCH=OFF -DTARN_BUILD_EXAMPLES=OFF &&
-        cmake --build "$fuzz_dir" -j2 --target dbc_fuzz; then
-        fuzzer=$(find "$fuzz_dir" -type f -name dbc_fuzz -perm -u+x | head -n1)
-        corpus=$(mktemp -d "$ci/fuzz-corpus.XXXXXX")
-        seeds=()
-        if [ -d "$root/../shared/dbc" ]; then seeds=("$root/../shared/dbc"); fi
-        if (cd "$fuzz_dir" && "$fuzzer" -max_total_time=60 -timeout=1 -rss_limit_mb=2048 \
-            "$corpus" "${seeds[@]}"); then
-            fuzz_ok=1
-        fi
-        rm -rf "$corpus"
-    fi
-    if [ $fuzz_ok -eq 1 ]; then
-        echo "fuzz run passed"
-        total_passed=$((total_passed + 1))
+        cmake --build "$fuzz_dir" -j2 --target "${fuzzers[@]}"; then
+        fuzz_built=1
     else
-        echo "fuzz run FAILED"
-        failed_stages+=("fuzz")
-        total_failed=$((total_failed + 1))
+        fuzz_built=0
     fi
+    for name in "${fuzzers[@]}"; do
+        fuzz_ok=0
+        fuzzer=$fuzz_dir/tests/fuzz/$name
+        if [ $fuzz_built -eq 1 ] && [ -x "$fuzzer" ]; then
+            corpus=$(mktemp -d "$ci/fuzz-corpus.XXXXXX")
+            args=(-max_total_time=$fuzz_seconds -timeout=5 -rss_limit_mb=2048
+                  -print_final_stats=1 "-artifact_prefix=$artifacts/$name-")
+            dict=$root/tests/fuzz/$name.dict
+            if [ -f "$dict" ]; then args+=("-dict=$dict"); fi
+            if (cd "$fuzz_dir" && "$fuzzer" "${args[@]}" "$corpus" \
+                "$root/tests/fuzz/seeds/$name"); then
+                fuzz_ok=1
+            fi
+            rm -rf "$corpus"
+        fi
+        if [ $fuzz_ok -eq 1 ]; then
+            echo "fuzz run of $name passed"
+            total_passed=$((total_passed + 1))
+        else
+            echo "fuzz run of $name FAILED: a crashing input goes to" \
+                "tests/fuzz/regressions/$name/ (from $artifacts)"
+            failed_stages+=("fuzz: $name")
+            total_failed=$((total_failed + 1))
+        fi
+    done
 else
     echo "no fuzz harness (tests/fuzz/CMakeLists.txt): skipped"
 fi

@@ -87,7 +87,8 @@ class TransportSession:
         if status == SEND_FAILED:
             raise TarnError("%s was not sent" % name)
         if status == SEND_REFUSED:
-            raise TarnError("%s needs the transport protocol, which is disabled" % name)
+            raise TarnError("%s refused: the transport protocol is disabled or 1,024 "
+                            "long messages wait already" % name)
         return status
 
     def receive(self, can_id, data=None, extended=None) -> List[Decoded]:

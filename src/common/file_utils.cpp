@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace kq {
 
@@ -20,6 +22,11 @@ bool ModeHasBit(const std::string& path, unsigned bit) {
     if (::stat(path.c_str(), &st) != 0) return false;
     return (static_cast<unsigned>(st.st_mode) & bit) != 0;
 }
+
+// ReadText reads in growing steps, so small files cost one read and the
+// memory of a large one stays within twice the bytes read.
+constexpr size_t kFirstChunk = 64 * 1024;
+constexpr size_t kLargestChunk = 16 * 1024 * 1024;
 
 // Closes the stream on every path out of a function.
 struct FileCloser {
@@ -101,6 +108,29 @@ bool FileUtils::ReadFile(const std::string& path, std::string& out, int32_t offs
 
 bool FileUtils::ReadTextFile(const std::string& path, std::string& out) {
     return ReadFile(path, out, 0, -1);
+}
+
+bool FileUtils::ReadText(const std::string& path, std::string& out) {
+    out.clear();
+    FileCloser file{std::fopen(path.c_str(), "rb")};
+    if (!file.f || std::fseek(file.f, 0, SEEK_END) != 0) return false;
+    const long size = std::ftell(file.f);
+    if (size <= 0 || size > INT32_MAX || std::fseek(file.f, 0, SEEK_SET) != 0) return false;
+    size_t chunk = kFirstChunk;
+    while (out.size() < static_cast<size_t>(size)) {
+        const size_t at = out.size();
+        const size_t want = std::min(chunk, static_cast<size_t>(size) - at);
+        out.resize(at + want);
+        const size_t got = std::fread(&out[at], 1, want, file.f);
+        out.resize(at + got);
+        if (std::memchr(out.data() + at, 0, got) != nullptr) break;
+        if (got < want) {
+            out.clear();  // the file shrank under us, as in ReadFile
+            return false;
+        }
+        chunk = std::min(chunk * 2, kLargestChunk);
+    }
+    return true;
 }
 
 bool FileUtils::WriteFile(const std::string& path, const std::string& data) {

@@ -3,10 +3,15 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace kq {
 namespace {
 
+// The stream and the threshold are read and changed under one lock, held
+// for a whole line: a line is never written to a stream that another thread
+// is closing, and lines of different threads never interleave.
+std::mutex s_mutex;
 FILE* s_log_file = stdout;
 int s_level = LOG_DEBUG;
 
@@ -17,10 +22,17 @@ const char* BareName(const char* file) {
     return file;
 }
 
+void CloseLocked() {
+    if (!s_log_file || s_log_file == stdout) return;
+    std::fclose(s_log_file);
+    s_log_file = nullptr;
+}
+
 }  // namespace
 
 void LogInit(const char* file, LogLevel level) {
-    LogDeinit();
+    std::lock_guard<std::mutex> lock(s_mutex);
+    CloseLocked();
     if (!file || !*file) {
         s_log_file = stdout;
     } else {
@@ -31,16 +43,15 @@ void LogInit(const char* file, LogLevel level) {
 }
 
 void LogDeinit() {
-    if (!s_log_file || s_log_file == stdout) return;
-    std::fclose(s_log_file);
-    s_log_file = nullptr;
+    std::lock_guard<std::mutex> lock(s_mutex);
+    CloseLocked();
 }
 
 void Log(const char* file, int line, LogLevel level, const char* format, ...) {
-    FILE* out = s_log_file;
-    if (!out) return;
     const char* name = BareName(file);
-    if (static_cast<int>(level) < s_level) return;
+    std::lock_guard<std::mutex> lock(s_mutex);
+    FILE* out = s_log_file;
+    if (!out || static_cast<int>(level) < s_level) return;
     std::fprintf(out, "%s:%d[%d] ", name, line, static_cast<int>(level));
     va_list args;
     va_start(args, format);

@@ -195,6 +195,8 @@ namespace {
 
 // A read-only mapping of a whole regular file followed by at least one NUL
 // byte, so that the scanner runs over the file without a heap copy of it.
+// Pages are read in as the scanner reaches them: the text ends at the first
+// NUL, and a large sparse file holding little text must cost little.
 // Anything unusual (empty, special or huge files, mapping errors) leaves
 // the view empty and the caller reads the file the ordinary way.
 class MappedText {
@@ -203,7 +205,7 @@ class MappedText {
         int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) return;
         struct stat st;
-        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size < INT32_MAX)
+        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size <= INT32_MAX)
             Map(fd, static_cast<size_t>(st.st_size));
         close(fd);
     }
@@ -221,11 +223,12 @@ class MappedText {
         size_t span = (size / page + 1) * page;  // zero pages past the end
         void* base = mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (base == MAP_FAILED) return;
-        void* file = mmap(base, size, PROT_READ, MAP_PRIVATE | MAP_FIXED | MAP_POPULATE, fd, 0);
+        void* file = mmap(base, size, PROT_READ, MAP_PRIVATE | MAP_FIXED, fd, 0);
         if (file == MAP_FAILED) {
             munmap(base, span);
             return;
         }
+        madvise(file, size, MADV_SEQUENTIAL);
         m_base = base;
         m_span = span;
     }
@@ -243,7 +246,7 @@ bool DBCImpl::Load(const std::string& path, bool merge) {
     MappedText mapped(path);
     if (mapped.data()) return LoadText(mapped.data());
     std::string text;
-    if (!kq::FileUtils::ReadTextFile(path, text)) {
+    if (!kq::FileUtils::ReadText(path, text)) {
         LogLine("Fail to load file: ", path.c_str());
         return false;
     }

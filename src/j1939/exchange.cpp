@@ -19,6 +19,10 @@ constexpr uint64_t kTransferTimeoutMs = 5000;
 constexpr unsigned kIdlePollMs = 50;
 // Sequence numbers are one byte: 255 packets of 7 bytes at most.
 constexpr uint32_t kMaxTransferSize = 255 * 7;
+// Each waiting message is a whole record copy (about 132 KiB) and a silent
+// peer takes one off only every 1250 ms: the bound keeps a stalled
+// transport's memory in check.
+constexpr uint32_t kMaxQueued = 1024;
 
 enum State : uint32_t {
     kIdle = 0,
@@ -46,8 +50,10 @@ J1939ID J1939ID::FromId(uint64_t id) {
     return out;
 }
 
-CExchange::CExchange(CAnalyser* analyser, bool disableMultiSend)
-    : m_analyser(analyser), m_disableMultiSend(disableMultiSend) {
+CExchange::CExchange(CAnalyser* analyser, bool disableMultiSend, std::mutex* analyserLock)
+    : m_analyser(analyser),
+      m_disableMultiSend(disableMultiSend),
+      m_analyserLock(analyserLock ? analyserLock : &m_encodeMutex) {
     if (!disableMultiSend) m_threadStarted = m_thread.Start(&CExchange::OnMultiSend, this);
 }
 
@@ -122,9 +128,13 @@ void CExchange::WaitLocked(Lock& lock, unsigned ms) {
 // ---------------------------------------------------------------- sending
 
 uint32_t CExchange::Send(const DBCMessage* msg) {
+    return Send(msg, libdbc::Env::Instance().GetFrameType());
+}
+
+uint32_t CExchange::Send(const DBCMessage* msg, uint32_t layout) {
     if (msg == nullptr) return 1;
     try {
-        if (msg->size < 9) return SendShort(*msg);
+        if (msg->size < 9) return SendShort(*msg, layout);
         if (m_disableMultiSend) return 3;
         return Enqueue(*msg);
     } catch (const std::exception& e) {
@@ -135,11 +145,11 @@ uint32_t CExchange::Send(const DBCMessage* msg) {
     return 1;
 }
 
-uint32_t CExchange::SendShort(const DBCMessage& msg) {
+uint32_t CExchange::SendShort(const DBCMessage& msg, uint32_t layout) {
     std::vector<VCI_CAN_OBJ> frames = EncodeMsg(msg);
     if (frames.empty()) return 1;
     frames[0].id = msg.id & 0x7FFFFFFF;
-    return SendSingleFrm(frames[0]) ? 0 : 1;
+    return SendSingleFrm(frames[0], layout) ? 0 : 1;
 }
 
 uint32_t CExchange::Enqueue(const DBCMessage& msg) {
@@ -149,27 +159,40 @@ uint32_t CExchange::Enqueue(const DBCMessage& msg) {
         return 1;
     }
     auto copy = std::make_unique<DBCMessage>(msg);
-    Lock lock(m_mutex);
-    // After Stop nothing would ever take it off the queue.
-    if (m_stop) return 1;
-    if (m_state == kAcked || m_state == kAborted) {
-        m_state = kIdle;
-        m_mode = kModeIdle;
+    {
+        Lock lock(m_mutex);
+        // After Stop nothing would ever take it off the queue.
+        if (m_stop) return 1;
+        if (m_queue.size() < kMaxQueued) {
+            if (m_state == kAcked || m_state == kAborted) {
+                m_state = kIdle;
+                m_mode = kModeIdle;
+            }
+            m_queue.push_back(std::move(copy));
+            m_queued.notify_all();
+            return 2;
+        }
     }
-    m_queue.push_back(std::move(copy));
-    m_queued.notify_all();
-    return 2;
+    // The name fills its buffer without a terminator when it is that long.
+    KQ_LOG(kq::LOG_ERROR, "CExchange::Send: %u messages wait already, %.*s refused\n", kMaxQueued,
+           static_cast<int>(sizeof(msg.name)), msg.name);
+    return 3;
 }
 
 std::vector<VCI_CAN_OBJ> CExchange::EncodeMsg(const DBCMessage& msg) {
     std::vector<VCI_CAN_OBJ> frames;
     if (m_analyser == nullptr) return frames;
-    std::lock_guard<std::mutex> lock(m_encodeMutex);
+    std::lock_guard<std::mutex> lock(*m_analyserLock);
     m_analyser->Encode(frames, &msg);
     return frames;
 }
 
+// The send thread's frames: the layout is read as each one leaves.
 bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame) {
+    return SendSingleFrm(frame, libdbc::Env::Instance().GetFrameType());
+}
+
+bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame, uint32_t layout) {
     SenderFn sender;
     void* context;
     {
@@ -178,7 +201,7 @@ bool CExchange::SendSingleFrm(const VCI_CAN_OBJ& frame) {
         context = m_senderContext;
     }
     if (sender == nullptr) return false;
-    if (libdbc::Env::Instance().GetFrameType() == 0) {
+    if (layout == TARN_FRAME_SOCKETCAN) {
         TarnCanFrame out = VciToCanFrame(frame);
         return sender(context, &out);
     }
@@ -235,7 +258,8 @@ bool CExchange::TakeNext() {
     }
     std::vector<VCI_CAN_OBJ> frames = EncodeMsg(*msg);
     if (frames.empty()) {
-        KQ_LOG(kq::LOG_ERROR, "CExchange: cannot encode %s, dropped\n", msg->name);
+        KQ_LOG(kq::LOG_ERROR, "CExchange: cannot encode %.*s, dropped\n",
+               static_cast<int>(sizeof(msg->name)), msg->name);
         return false;
     }
     Lock lock(m_mutex);

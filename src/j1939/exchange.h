@@ -11,9 +11,9 @@
 #include <mutex>
 #include <vector>
 
-#include "legacy/analyser.h"
-#include "j1939/multi_frm_listener.h"
 #include "common/thread.h"
+#include "j1939/multi_frm_listener.h"
+#include "legacy/analyser.h"
 #include "tarn.h"
 
 // Addressing of one transfer; the PGN is shifted down (0xFEF1, not 0xFEF100).
@@ -36,7 +36,9 @@ class CExchange {
         std::vector<VCI_CAN_OBJ> frames;
     };
 
-    CExchange(CAnalyser* analyser, bool disableMultiSend);
+    // `analyserLock`, when given, is the lock its owner holds around every
+    // other use of the analyser; encodes then hold it too.
+    CExchange(CAnalyser* analyser, bool disableMultiSend, std::mutex* analyserLock = nullptr);
     virtual ~CExchange();
     CExchange(const CExchange&) = delete;
     CExchange& operator=(const CExchange&) = delete;
@@ -47,7 +49,11 @@ class CExchange {
     uint8_t GetAddrSrc() const;
     uint8_t GetAddrDst() const;
 
-    // 0 sent, 1 not sent, 2 queued, 3 refused (multi-packet sending disabled).
+    // 0 sent, 1 not sent, 2 queued, 3 refused (multi-packet sending disabled,
+    // or 1,024 long messages wait already).
+    // A short message goes out in `layout`, the frame layout its caller read;
+    // queued ones in the layout in force when they are sent.
+    uint32_t Send(const DBCMessage* msg, uint32_t layout);
     uint32_t Send(const DBCMessage* msg);
     // Receive entry: only TP.CM frames concern the exchange.
     void OnReceive(const VCI_CAN_OBJ* frame);
@@ -69,9 +75,10 @@ class CExchange {
     void SendMultiFrm();
     uint32_t SendMultiFrm(MultiTransmitInfo& info);
     bool TakeNext();
-    uint32_t SendShort(const DBCMessage& msg);
+    uint32_t SendShort(const DBCMessage& msg, uint32_t layout);
     uint32_t Enqueue(const DBCMessage& msg);
     std::vector<VCI_CAN_OBJ> EncodeMsg(const DBCMessage& msg);
+    bool SendSingleFrm(const VCI_CAN_OBJ& frame, uint32_t layout);
     bool SendSingleFrm(const VCI_CAN_OBJ& frame);
 
     VCI_CAN_OBJ InitComObj(const uint8_t (&data)[8], bool answer) const;
@@ -128,6 +135,7 @@ class CExchange {
 
     std::atomic<bool> m_stop{false};
     std::mutex m_encodeMutex;  // the analyser is not safe for concurrent encodes
+    std::mutex* const m_analyserLock;
     kq::Thread m_thread;
     bool m_threadStarted = false;
 };

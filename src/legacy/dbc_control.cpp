@@ -27,7 +27,7 @@ class CallbackScope {
 }  // namespace
 
 CDBCControl::CDBCControl(bool disableMultiSend, bool asyncAnalyse)
-    : m_exchange(&m_analyser, disableMultiSend),
+    : m_exchange(&m_analyser, disableMultiSend, &m_analyserMutex),
       m_asyncEnabled(asyncAnalyse),
       m_asyncListener(*this) {
     // Listeners are wired once, before any frame can flow; the callbacks
@@ -85,14 +85,15 @@ bool CDBCControl::SendThrough(void* self, void* frame) {
 }
 
 bool CDBCControl::Encode(std::vector<VCI_CAN_OBJ>& out, uint32_t* count, const DBCMessage* msg) {
-    const bool ok = m_analyser.Encode(out, msg);
+    const bool ok = Locked([&] { return m_analyser.Encode(out, msg); });
     if (out.size() > *count) out.resize(*count);  // the rest is dropped without notice
     *count = static_cast<uint32_t>(out.size());
     return ok;
 }
 
 bool CDBCControl::Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out) {
-    const bool ok = m_analyser.Decode(out, &frame, 1, false);
+    const bool ok = Locked([&] { return m_analyser.Decode(out, &frame, 1, false); });
+    std::lock_guard<std::recursive_mutex> lock(m_syncReceiverMutex);
     m_syncReceiver.Push(frame);
     return ok;
 }
@@ -152,7 +153,7 @@ bool CDBCControl::AnalyseOne(const FrmObj& obj, DBCMessage* out) {
         return false;
     }
     if (out == nullptr) return false;
-    const bool ok = m_analyser.Decode(out, &one, 1, false);
+    const bool ok = Locked([&] { return m_analyser.Decode(out, &one, 1, false); });
     m_asyncListener.m_curTag = obj.tag;
     m_asyncReceiver.Push(one);
     return ok;
@@ -162,7 +163,7 @@ bool CDBCControl::DecodeFdPackets(const TarnCanFdFrame& fdf, DBCMessage* out) {
     if (out == nullptr) return false;
     std::vector<VCI_CAN_OBJ> packets;
     for (const TarnCanFrame& cf : tarn::FdToPackets(fdf)) packets.push_back(CanFrameToVci(cf));
-    return m_analyser.Decode(out, packets.data(), packets.size(), false);
+    return Locked([&] { return m_analyser.Decode(out, packets.data(), packets.size(), false); });
 }
 
 void* CDBCControl::AsyncAnalyseLoop(void* self) {
@@ -220,7 +221,7 @@ void CDBCControl::DeliverAsync(DBCMessage* msg, uint64_t tag) {
 
 bool CDBCControl::DecodeTransfer(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, DBCMessage* out) {
     for (VCI_CAN_OBJ& f : frames) f.id = id;
-    return m_analyser.Decode(out, frames.data(), frames.size(), false);
+    return Locked([&] { return m_analyser.Decode(out, frames.data(), frames.size(), false); });
 }
 
 void CDBCControl::OnTransDone(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, uint8_t* data,

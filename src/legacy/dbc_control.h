@@ -9,10 +9,10 @@
 #include <mutex>
 #include <vector>
 
-#include "legacy/analyser.h"
+#include "common/thread.h"
 #include "j1939/exchange.h"
 #include "j1939/multi_frm_listener.h"
-#include "common/thread.h"
+#include "legacy/analyser.h"
 #include "tarn.h"
 
 // One queued frame: a copy of the caller's frame in whichever layout was in
@@ -45,26 +45,42 @@ class CDBCControl : public IOnMultiTransDoneListener {
     // thread: releasing it then would free it under its own caller.
     bool InOwnCallback() const;
 
-    bool Load(const FileInfo* info) { return m_analyser.Load(info); }
-    bool GetFirstMessage(DBCMessage* out) { return m_analyser.GetFirstMessage(out); }
-    bool GetNextMessage(DBCMessage* out) { return m_analyser.GetNextMessage(out); }
-    uint32_t GetMessageCount() { return m_analyser.GetMessageCount(); }
-    bool GetMessageById(uint32_t id, DBCMessage* out) { return m_analyser.GetMessageById(id, out); }
-    uint32_t GetNetworkNodeCount() { return m_analyser.GetNetworkNodeCount(); }
+    bool Load(const FileInfo* info) {
+        return Locked([&] { return m_analyser.Load(info); });
+    }
+    bool GetFirstMessage(DBCMessage* out) {
+        return Locked([&] { return m_analyser.GetFirstMessage(out); });
+    }
+    bool GetNextMessage(DBCMessage* out) {
+        return Locked([&] { return m_analyser.GetNextMessage(out); });
+    }
+    uint32_t GetMessageCount() {
+        return Locked([&] { return m_analyser.GetMessageCount(); });
+    }
+    bool GetMessageById(uint32_t id, DBCMessage* out) {
+        return Locked([&] { return m_analyser.GetMessageById(id, out); });
+    }
+    uint32_t GetNetworkNodeCount() {
+        return Locked([&] { return m_analyser.GetNetworkNodeCount(); });
+    }
     bool GetNetworkNodeAt(uint32_t index, DBCNetworkNode* node) {
-        return m_analyser.GetNetworkNodeAt(index, node);
+        return Locked([&] { return m_analyser.GetNetworkNodeAt(index, node); });
     }
     uint32_t GetValDescPairCount(uint32_t id, const char* signal) {
-        return m_analyser.GetValDescPairCount(id, signal);
+        return Locked([&] { return m_analyser.GetValDescPairCount(id, signal); });
     }
     void GetValDescPair(uint32_t id, const char* signal, ValDescPair* pairs) {
-        m_analyser.GetValDescPair(id, signal, pairs);
+        Locked([&] { m_analyser.GetValDescPair(id, signal, pairs); });
     }
-    void SetProtocol(ProtocolType protocol) { m_analyser.SetProtocol(protocol); }
-    ProtocolType GetProtocol() { return m_analyser.GetProtocol(); }
+    void SetProtocol(ProtocolType protocol) {
+        Locked([&] { m_analyser.SetProtocol(protocol); });
+    }
+    ProtocolType GetProtocol() {
+        return Locked([&] { return m_analyser.GetProtocol(); });
+    }
 
     bool Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count) {
-        return m_analyser.Decode(out, frames, count, true);
+        return Locked([&] { return m_analyser.Decode(out, frames, count, true); });
     }
     // *count: capacity in, frames kept in `out` afterwards. True when the
     // encoder made any frame, kept or not.
@@ -72,7 +88,7 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool Analyse(const VCI_CAN_OBJ& frame, DBCMessage* out);
     void OnReceive(const VCI_CAN_OBJ& frame) { m_exchange.OnReceive(&frame); }
     void SetSender(CExchange::SenderFn sender, void* context);
-    uint32_t Send(const DBCMessage* msg) { return m_exchange.Send(msg); }
+    uint32_t Send(const DBCMessage* msg, uint32_t layout) { return m_exchange.Send(msg, layout); }
 
     void SetAsyncAnalyseCallback(TARN_AsyncAnalyseCallback callback, void* context);
     void SetOnMultiTransDoneFunc(TARN_MultiTransDoneFunc callback, void* context);
@@ -84,6 +100,15 @@ class CDBCControl : public IOnMultiTransDoneListener {
                      uint8_t value) override;
 
   private:
+    // Decoding stores each raw value in the model and translation reads it
+    // back; loading rebuilds the model. So every use of the analyser holds
+    // this lock, and no callback ever runs under it.
+    template <class F>
+    auto Locked(F&& f) -> decltype(f()) {
+        std::lock_guard<std::mutex> lock(m_analyserMutex);
+        return f();
+    }
+
     // Listener of the async receiver: a transfer it completes is reported
     // through the asynchronous callback with the tag of the completing frame.
     class AsyncTransDone : public IOnMultiTransDoneListener {
@@ -107,8 +132,12 @@ class CDBCControl : public IOnMultiTransDoneListener {
     bool DecodeFdPackets(const TarnCanFdFrame& fdf, DBCMessage* out);
     bool DecodeTransfer(uint32_t id, std::vector<VCI_CAN_OBJ>& frames, DBCMessage* out);
 
+    std::mutex m_analyserMutex;
     CAnalyser m_analyser;
     CExchange m_exchange;
+    // Callers' threads push into the sync receiver; a callback it makes may
+    // push again on the same thread.
+    std::recursive_mutex m_syncReceiverMutex;
     CMultiFrmListener m_syncReceiver;
     const bool m_asyncEnabled;
     DataQueue m_queue;

@@ -2,8 +2,12 @@
 // per-handle CAN FD senders.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <utility>
 
@@ -12,7 +16,28 @@
 class CDBCControl;
 
 class CDBCControlSet {
+    struct Entry;
+
   public:
+    // Holds a controller for the length of one call: TARN_Release waits until
+    // every holder has let go. Empty for an unknown or releasing handle.
+    class Ref {
+      public:
+        Ref() = default;
+        Ref(Ref&& other) noexcept;
+        Ref& operator=(Ref&&) = delete;
+        ~Ref();
+        explicit operator bool() const { return m_entry != nullptr; }
+        CDBCControl& operator*() const;
+
+      private:
+        friend class CDBCControlSet;
+        Ref(CDBCControlSet* set, std::shared_ptr<Entry> entry);
+
+        CDBCControlSet* m_set = nullptr;
+        std::shared_ptr<Entry> m_entry;
+    };
+
     CDBCControlSet() = default;
     // Instances the application never released are released here.
     virtual ~CDBCControlSet();
@@ -22,10 +47,12 @@ class CDBCControlSet {
     uint32_t GenarateHandle();
     // Maps a fresh handle to the controller and returns the handle.
     uint32_t Add(CDBCControl* ctrl);
-    CDBCControl* Find(uint32_t handle);
+    Ref Acquire(uint32_t handle);
     // Drops the entry only; the controller is not touched.
     void Delete(uint32_t handle);
-    // Unmaps the controller and returns it for releasing; null when absent or
+    // Unmaps the controller, so that later calls see an unknown handle, waits
+    // until the calls holding it have returned, and hands it over for
+    // releasing. Null when absent, when another release is under way, or
     // when called from inside one of the controller's own callbacks (the
     // entry then stays).
     CDBCControl* TakeForRelease(uint32_t handle);
@@ -33,11 +60,24 @@ class CDBCControlSet {
     void Clear();
 
   private:
+    struct Entry {
+        explicit Entry(CDBCControl* c) : ctrl(c) {}
+        CDBCControl* const ctrl;
+        std::atomic<uint32_t> calls{0};
+        std::atomic<bool> closing{false};
+    };
+
+    void Leave(Entry& entry);
+    void WaitIdle(Entry& entry);
+
     // Lookups happen on callback threads too, so the map is guarded even
     // though instances are normally created and released by one thread.
     std::shared_mutex m_mutex;
-    std::map<uint32_t, CDBCControl*> m_controls;
+    std::map<uint32_t, std::shared_ptr<Entry>> m_controls;
     uint32_t m_nextHandle = 1;
+    // Wakes a release waiting for the last call on its controller.
+    std::mutex m_idleMutex;
+    std::condition_variable m_idle;
 };
 
 extern CDBCControlSet g_dbc_ctrl_set;

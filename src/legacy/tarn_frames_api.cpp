@@ -5,10 +5,10 @@
 #include <cstring>
 #include <vector>
 
-#include "tarn.h"
 #include "legacy/tarn_fd.h"
 #include "legacy/tarn_frame.h"
 #include "legacy/tarn_guard.h"
+#include "tarn.h"
 
 using tarn::FdHeadToClassic;
 using tarn::FdToPackets;
@@ -20,13 +20,45 @@ namespace {
 constexpr uint32_t kSendOk = TARN_SEND_OK;
 constexpr uint32_t kSendFailed = TARN_SEND_FAILED;
 
-bool SocketCanLayout() {
-    return libdbc::Env::Instance().GetFrameType() == TARN_FRAME_SOCKETCAN;
+// Every exported call reads the process-wide layout once and hands the value
+// down: another thread may switch it at any moment, and frames sized for one
+// layout must never be read or written in the other.
+uint32_t CurrentLayout() {
+    return libdbc::Env::Instance().GetFrameType();
 }
 
 bool AnalyseVci(uint32_t h, const VCI_CAN_OBJ& frame, DBCMessage* out) {
     return WithControl("TARN_Analyse", h, false,
                        [&](CDBCControl& c) { return c.Analyse(frame, out); });
+}
+
+bool DecodeFrames(uint32_t h, DBCMessage* out, const void* frames, uint32_t count,
+                  uint32_t layout) {
+    return WithControl("TARN_Decode", h, false, [&](CDBCControl& c) {
+        if (layout != TARN_FRAME_SOCKETCAN)
+            return c.Decode(out, static_cast<const VCI_CAN_OBJ*>(frames), count);
+        const auto* in = static_cast<const TarnCanFrame*>(frames);
+        std::vector<VCI_CAN_OBJ> objs(count);
+        for (uint32_t i = 0; i < count; ++i) objs[i] = CanFrameToVci(in[i]);
+        return c.Decode(out, objs.data(), objs.size());
+    });
+}
+
+bool EncodeFrames(uint32_t h, void* frames, uint32_t* count, const DBCMessage* msg,
+                  uint32_t layout) {
+    return WithControl("TARN_Encode", h, false, [&](CDBCControl& c) {
+        std::vector<VCI_CAN_OBJ> objs;
+        uint32_t n = frames == nullptr ? 0 : *count;
+        const bool ok = c.Encode(objs, &n, msg);
+        if (layout == TARN_FRAME_SOCKETCAN) {
+            auto* out = static_cast<TarnCanFrame*>(frames);
+            for (uint32_t i = 0; i < n; ++i) out[i] = VciToCanFrame(objs[i]);
+        } else {
+            std::copy(objs.begin(), objs.end(), static_cast<VCI_CAN_OBJ*>(frames));
+        }
+        *count = n;
+        return ok;
+    });
 }
 
 bool AnalyseSocketCan(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out) {
@@ -36,7 +68,8 @@ bool AnalyseSocketCan(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out
     if (fdf.len > kFdMaxLen) return false;
     if (fdf.len <= 8) return AnalyseVci(h, CanFrameToVci(FdHeadToClassic(fdf)), out);
     const std::vector<TarnCanFrame> packets = FdToPackets(fdf);
-    return TARN_Decode(h, out, packets.data(), static_cast<uint32_t>(packets.size()));
+    return DecodeFrames(h, out, packets.data(), static_cast<uint32_t>(packets.size()),
+                        TARN_FRAME_SOCKETCAN);
 }
 
 // Packs encoded classic frames into one FD payload: a single frame gives its
@@ -56,10 +89,12 @@ void FillFdPayload(TarnCanFdFrame& fdf, const std::vector<TarnCanFrame>& frames)
     }
 }
 
+// Only reached under the SocketCAN layout.
 uint32_t SendFd(uint32_t h, const DBCMessage* msg) {
     uint32_t n = (msg->size + 6) / 7;
     std::vector<TarnCanFrame> frames(n);
-    if (!TARN_Encode(h, frames.data(), &n, msg) || n == 0) return kSendFailed;
+    if (!EncodeFrames(h, frames.data(), &n, msg, TARN_FRAME_SOCKETCAN) || n == 0)
+        return kSendFailed;
     frames.resize(n);
     TarnCanFdFrame fdf;
     std::memset(&fdf, 0, sizeof(fdf));
@@ -79,7 +114,7 @@ extern "C" {
 bool TARN_Analyse(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out) {
     try {
         if (frame == nullptr) return false;
-        if (!SocketCanLayout()) {
+        if (CurrentLayout() != TARN_FRAME_SOCKETCAN) {
             return fd == 0 && AnalyseVci(h, *static_cast<const VCI_CAN_OBJ*>(frame), out);
         }
         return AnalyseSocketCan(h, frame, fd, out);
@@ -91,37 +126,19 @@ bool TARN_Analyse(uint32_t h, const void* frame, uint8_t fd, DBCMessage* out) {
 
 bool TARN_Decode(uint32_t h, DBCMessage* out, const void* frames, uint32_t count) {
     if (frames == nullptr || count == 0) return false;
-    return WithControl("TARN_Decode", h, false, [&](CDBCControl& c) {
-        if (!SocketCanLayout())
-            return c.Decode(out, static_cast<const VCI_CAN_OBJ*>(frames), count);
-        const auto* in = static_cast<const TarnCanFrame*>(frames);
-        std::vector<VCI_CAN_OBJ> objs(count);
-        for (uint32_t i = 0; i < count; ++i) objs[i] = CanFrameToVci(in[i]);
-        return c.Decode(out, objs.data(), objs.size());
-    });
+    return DecodeFrames(h, out, frames, count, CurrentLayout());
 }
 
 bool TARN_Encode(uint32_t h, void* frames, uint32_t* count, const DBCMessage* msg) {
     if (count == nullptr) return false;
-    return WithControl("TARN_Encode", h, false, [&](CDBCControl& c) {
-        std::vector<VCI_CAN_OBJ> objs;
-        uint32_t n = frames == nullptr ? 0 : *count;
-        const bool ok = c.Encode(objs, &n, msg);
-        if (SocketCanLayout()) {
-            auto* out = static_cast<TarnCanFrame*>(frames);
-            for (uint32_t i = 0; i < n; ++i) out[i] = VciToCanFrame(objs[i]);
-        } else {
-            std::copy(objs.begin(), objs.end(), static_cast<VCI_CAN_OBJ*>(frames));
-        }
-        *count = n;
-        return ok;
-    });
+    return EncodeFrames(h, frames, count, msg, CurrentLayout());
 }
 
 void TARN_OnReceive(uint32_t h, const void* frame, uint8_t fd) {
     if (frame == nullptr) return;
+    const uint32_t layout = CurrentLayout();
     WithControl("TARN_OnReceive", h, [&](CDBCControl& c) {
-        if (!SocketCanLayout()) {
+        if (layout != TARN_FRAME_SOCKETCAN) {
             if (fd == 0) c.OnReceive(*static_cast<const VCI_CAN_OBJ*>(frame));
         } else if (fd == 0) {
             c.OnReceive(CanFrameToVci(*static_cast<const TarnCanFrame*>(frame)));
@@ -154,10 +171,11 @@ void TARN_SetOnMultiTransDoneFunc(uint32_t h, TARN_MultiTransDoneFunc callback, 
 uint32_t TARN_Send(uint32_t h, const DBCMessage* msg, uint8_t fd) {
     try {
         if (msg == nullptr) return kSendFailed;
-        if (fd == 1 && !SocketCanLayout()) return kSendFailed;
+        const uint32_t layout = CurrentLayout();
+        if (fd == 1 && layout != TARN_FRAME_SOCKETCAN) return kSendFailed;
         if (fd == 0 || msg->size > kFdMaxLen) {
             return WithControl("TARN_Send", h, kSendFailed,
-                               [&](CDBCControl& c) { return c.Send(msg); });
+                               [&](CDBCControl& c) { return c.Send(msg, layout); });
         }
         if (fd != 1) return kSendFailed;
         return SendFd(h, msg);

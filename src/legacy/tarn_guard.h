@@ -4,9 +4,9 @@
 
 #include <exception>
 
+#include "common/log.h"
 #include "legacy/dbc_control.h"
 #include "legacy/dbc_control_set.h"
-#include "common/log.h"
 
 namespace tarn {
 
@@ -24,13 +24,14 @@ inline void LogEscaped(const char* function) noexcept {
     }
 }
 
-// Runs body(controller) for a live handle; `none` for an unknown handle or
+// Runs body(controller) for a live handle, holding the controller so that a
+// concurrent TARN_Release waits for the body to return; `none` for an unknown handle or
 // when the body throws.
 template <class R, class Body>
 R WithControl(const char* function, uint32_t h, R none, Body&& body) {
     try {
-        CDBCControl* ctrl = g_dbc_ctrl_set.Find(h);
-        if (ctrl == nullptr) return none;
+        CDBCControlSet::Ref ctrl = g_dbc_ctrl_set.Acquire(h);
+        if (!ctrl) return none;
         return body(*ctrl);
     } catch (...) {
         LogEscaped(function);
@@ -41,8 +42,8 @@ R WithControl(const char* function, uint32_t h, R none, Body&& body) {
 template <class Body>
 void WithControl(const char* function, uint32_t h, Body&& body) {
     try {
-        CDBCControl* ctrl = g_dbc_ctrl_set.Find(h);
-        if (ctrl != nullptr) body(*ctrl);
+        CDBCControlSet::Ref ctrl = g_dbc_ctrl_set.Acquire(h);
+        if (ctrl) body(*ctrl);
     } catch (...) {
         LogEscaped(function);
     }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -341,6 +342,38 @@ TARN_BOTH_LAYOUTS(ApiJ1939);
 
 bool RefuseAll(void*, void*) {
     return false;
+}
+bool AcceptAll(void*, void*) {
+    return true;
+}
+
+// A peer that never answers holds the first message for 1250 ms; meanwhile
+// at most 1,024 more wait, and every send beyond that is refused and logged.
+TEST(ApiJ1939Queue, HoldsAtMost1024WaitingMessages) {
+    const TempDbc dbc(J1939Dbc());
+    const TempDbc log("");
+    TARN_SetLogFile(true, log.path().c_str());
+    const uint32_t h = TARN_Init(false, false);
+    ASSERT_TRUE(LoadPath(h, dbc.path()));
+    TARN_SetSender(h, &AcceptAll, nullptr);
+    auto msg = NewMessage();
+    ASSERT_TRUE(TARN_GetMessageById(h, kJ9Id, msg.get()));
+    std::vector<uint32_t> results;
+    for (int i = 0; i < 1100; ++i) results.push_back(TARN_Send(h, msg.get(), 0));
+    TARN_Release(h);
+    TARN_SetLogFile(false, nullptr);
+
+    const auto queued = std::count(results.begin(), results.end(), TARN_SEND_QUEUED);
+    EXPECT_GE(queued, 1024) << "the send thread takes at most one off in the meantime";
+    EXPECT_LE(queued, 1025);
+    const auto firstRefused = std::find(results.begin(), results.end(), TARN_SEND_REFUSED);
+    EXPECT_EQ(firstRefused - results.begin(), queued);
+    EXPECT_EQ(std::count(firstRefused, results.end(), TARN_SEND_REFUSED),
+              results.end() - firstRefused);
+    std::ifstream in(log.path());
+    size_t lines = 0;
+    for (std::string line; std::getline(in, line);) lines += line.find("refused") != line.npos;
+    EXPECT_EQ(lines, static_cast<size_t>(results.end() - firstRefused));
 }
 
 // With multi-send disabled, anything longer than one frame is refused (also

@@ -1,12 +1,16 @@
 // Hostile text through DBC::LoadContent: every input must come back with
 // true or false, without a crash, a hang or a leak (the sanitizer builds
 // watch the memory side), and leave a model that is still consistent.
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <random>
 #include <set>
 
+#include "common/file_utils.h"
 #include "unit/dbc_test_util.h"
 
 namespace {
@@ -248,6 +252,46 @@ TEST(HostileOutcome, FilesEndingAtPageBoundariesLoad) {
             EXPECT_NE(dbctest::Sig(db, 100, "S"), nullptr);
         }
     }
+}
+
+// A value of /proc/self/status in KiB, -1 when absent.
+long StatusKiB(const std::string& key) {
+    std::ifstream in("/proc/self/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.compare(0, key.size(), key) == 0) return std::atol(line.c_str() + key.size());
+    return -1;
+}
+
+// A sparse file of 2 GiB less one byte whose text ends at its first NUL:
+// both the mapped load and the plain reader cost memory for the text, not
+// for the declared size; one byte more and both refuse the file.
+TEST(HostileOutcome, SparseFileCostsItsTextNotItsDeclaredSize) {
+    dbctest::LogCapture log;
+    dbctest::TempDir dir;
+    const std::string text = kMsg + kSig;
+    const std::string path = dir.Write("sparse.dbc", text + '\0');
+    ASSERT_EQ(truncate(path.c_str(), INT32_MAX), 0);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    if (st.st_blocks > (64 << 20) / 512) GTEST_SKIP() << "no sparse files in /tmp";
+    // Writing 5 resets the peak resident size to the current one.
+    if (!(std::ofstream("/proc/self/clear_refs") << "5").flush() || StatusKiB("VmHWM:") < 0)
+        GTEST_SKIP() << "the peak resident size cannot be reset";
+    const long before = StatusKiB("VmRSS:");
+
+    DBCEx db;
+    EXPECT_TRUE(db.Load(path, false));
+    EXPECT_NE(dbctest::Sig(db, 100, "S"), nullptr);
+    std::string read;
+    EXPECT_TRUE(kq::FileUtils::ReadText(path, read));
+    EXPECT_EQ(read.c_str(), text);
+    EXPECT_LE(read.size(), 1u << 20);
+    EXPECT_LT(StatusKiB("VmHWM:") - before, 64 << 10);
+
+    ASSERT_EQ(truncate(path.c_str(), off_t{INT32_MAX} + 1), 0);
+    EXPECT_FALSE(db.Load(path, false));
+    EXPECT_FALSE(kq::FileUtils::ReadText(path, read));
+    EXPECT_TRUE(read.empty());
 }
 
 }  // namespace

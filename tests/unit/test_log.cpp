@@ -1,7 +1,12 @@
 // Logger: prefix format, bare-name rule, threshold, targets and closing.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "common/log.h"
 #include "tarn.h"
@@ -91,6 +96,39 @@ TEST(SetLogFile, UsesThresholdOneReplacesTheFileAndDisableClosesIt) {
     EXPECT_EQ(first.Read(), "a.cpp:2[1] one\n");
     EXPECT_EQ(second.Read(), "a.cpp:3[1] two\n");
     kq::LogInit(nullptr, kq::LOG_DEBUG);
+}
+
+// Two threads log while a third re-targets the logger between two files
+// and switches it off: nothing is written to a closed stream, and every line
+// that reached a file is whole.
+TEST(LogConcurrency, RetargetingWhileOthersLogKeepsEveryLineWhole) {
+    TempPath first("log1");
+    TempPath second("log2");
+    std::atomic<bool> stop{false};
+    std::atomic<int> written{0};
+    auto writer = [&](int id) {
+        for (int i = 0; !stop; ++i, ++written)
+            Log("w.cpp", id, kq::LOG_ERROR, "line %d of %d\n", i, id);
+    };
+    kq::LogInit(first.c_str(), kq::LOG_INFO);
+    std::thread a(writer, 1);
+    std::thread b(writer, 2);
+    for (int i = 0; i < 2000 || written < 20000; ++i) {
+        kq::LogInit((i % 2 ? first : second).c_str(), kq::LOG_INFO);
+        if (i % 3 == 0) kq::LogDeinit();
+    }
+    stop = true;
+    a.join();
+    b.join();
+    kq::LogInit(nullptr, kq::LOG_DEBUG);
+    const std::regex whole(R"(w\.cpp:([12])\[3\] line \d+ of \1)");
+    size_t lines = 0;
+    for (const std::string& text : {first.Read(), second.Read()}) {
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line); ++lines)
+            ASSERT_TRUE(std::regex_match(line, whole)) << line;
+    }
+    EXPECT_GT(lines, 0u);
 }
 
 }  // namespace
