@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "common/log.h"
 #include "coder/dbc_coder.h"
+#include "common/log.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // Decoding one payload with a message plan: switches first (in dependency
 // order), then every signal in message order, multiplexing applied.
+#include <algorithm>
 #include <cstring>
 
 #include "coder/plan.h"
@@ -98,18 +99,38 @@ int NetworkPlan::Decode(size_t index, const uint8_t* data, size_t length, tarn_v
     }
 
     uint32_t n = 0, missing = 0;
-    for (uint32_t i = 0; i < mp.signalCount; ++i) {
+    auto visit = [&](uint32_t i) {
         const SignalPlan& p = plans[i];
         if (p.switchSlot != kNoSlot && (p.switchSlot == kDeadSlot || !swOn[p.switchSlot] ||
                                         !Selects(p, m_muxRanges, swValue[p.switchSlot])))
-            continue;
+            return;
         if (p.needBytes > length) {
             ++missing;
-            continue;
+            return;
         }
         tarn_value& v = values[n++];
         v.signal = i;
         FillValue(p, ReadField(p, base, length, padded), v);
+    };
+    if (mp.byValue.empty()) {
+        for (uint32_t i = 0; i < mp.signalCount; ++i) visit(i);
+    } else {
+        // Merge, in message order, the signals the first switch's value
+        // selects with every other signal.
+        const uint8_t slot = plans[mp.switchOrder.front()].ownSlot;
+        auto sel = mp.byValue.end(), selEnd = mp.byValue.end();
+        if (swOn[slot]) {
+            const uint64_t v = swValue[slot];
+            sel = std::lower_bound(mp.byValue.begin(), mp.byValue.end(), std::make_pair(v, 0u));
+            selEnd = std::upper_bound(sel, mp.byValue.end(), std::make_pair(v, UINT32_MAX));
+        }
+        auto other = mp.others.begin();
+        while (sel != selEnd || other != mp.others.end()) {
+            if (other == mp.others.end() || (sel != selEnd && sel->second < *other))
+                visit((sel++)->second);
+            else
+                visit(*other++);
+        }
     }
     *count = n;
     *absent = missing;

@@ -83,6 +83,27 @@ void PlanSwitches(const net::Network& net, const net::Message& m, MessagePlan& m
     }
 }
 
+// Messages with fewer multiplexed signals than this are walked whole.
+constexpr size_t kIndexedMux = 16;
+
+void IndexMux(MessagePlan& mp, const SignalPlan* plans) {
+    if (mp.switchOrder.empty()) return;
+    const uint8_t first = plans[mp.switchOrder.front()].ownSlot;
+    std::vector<std::pair<uint64_t, uint32_t>> byValue;
+    std::vector<uint32_t> others;
+    for (uint32_t i = 0; i < mp.signalCount; ++i) {
+        const SignalPlan& p = plans[i];
+        if (p.switchSlot == first && p.muxCount == 0 && p.muxLow == p.muxHigh)
+            byValue.emplace_back(p.muxLow, i);
+        else
+            others.push_back(i);
+    }
+    if (byValue.size() < kIndexedMux) return;
+    std::sort(byValue.begin(), byValue.end());
+    mp.byValue = std::move(byValue);
+    mp.others = std::move(others);
+}
+
 }  // namespace
 
 J1939Fields SplitJ1939(uint32_t id) {
@@ -111,7 +132,7 @@ void KeyTable::Build(const std::vector<std::pair<uint64_t, uint32_t>>& entries) 
     }
 }
 
-void NetworkPlan::Build(const net::Network& net) {
+void NetworkPlan::Build(const net::Network& net, bool indexMux) {
     m_j1939 = net.j1939;
     m_muxRanges = net.muxRanges.data();
     m_signals.clear();
@@ -127,6 +148,7 @@ void NetworkPlan::Build(const net::Network& net) {
         mp.length = m.length;
         m_maxSignals = std::max(m_maxSignals, m.signals.count);
         PlanSwitches(net, m, mp, m_signals.data() + m.signals.first);
+        if (indexMux) IndexMux(mp, m_signals.data() + m.signals.first);
         for (uint32_t k = m.signals.first; k < m.signals.end(); ++k)
             mp.multiplexed |= net.signals[k].isSwitch || net.signals[k].switchIndex >= 0;
         const net::AttrValue* cycle = net.FindAttr(m.attrs, "GenMsgCycleTime");
@@ -148,7 +170,9 @@ int64_t NetworkPlan::FindMessage(uint32_t id, bool extended) const {
 size_t NetworkPlan::BytesHeld() const {
     size_t n =
         m_signals.capacity() * sizeof(SignalPlan) + m_messages.capacity() * sizeof(MessagePlan);
-    for (const MessagePlan& mp : m_messages) n += mp.switchOrder.capacity() * sizeof(uint32_t);
+    for (const MessagePlan& mp : m_messages)
+        n += (mp.switchOrder.capacity() + mp.others.capacity()) * sizeof(uint32_t) +
+             mp.byValue.capacity() * sizeof(mp.byValue[0]);
     return n + (m_messages.size() * 2 + 32) * 2 * 16;
 }
 

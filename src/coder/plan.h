@@ -61,6 +61,11 @@ struct MessagePlan {
     // Signal indexes (within the message) of the switches, in an order
     // where a switch comes after the switch that selects it.
     std::vector<uint32_t> switchOrder;
+    // Wide multiplexed messages: the signals that one value of the first
+    // switch selects, as (value, signal) sorted, and every other signal in
+    // message order, so a frame visits only what it may carry.
+    std::vector<std::pair<uint64_t, uint32_t>> byValue;
+    std::vector<uint32_t> others;
 };
 
 // Open-addressing table from 64-bit keys to message indexes.
@@ -104,7 +109,8 @@ J1939Fields SplitJ1939(uint32_t id);
 
 class NetworkPlan {
   public:
-    void Build(const net::Network& net);
+    // `indexMux` false keeps every message on the plain walk (for tests).
+    void Build(const net::Network& net, bool indexMux = true);
 
     // Index of the message for a frame, -1 when none: the exact identifier
     // first, then (J1939) the PGN of an extended one.
