@@ -138,6 +138,7 @@ class Signal:
         """Value-table texts by raw value, None when the signal has none."""
         if not self._counts[1]:
             return None
+        self._live()
         raw, t = ctypes.c_int64(), ctypes.c_char_p()
         out = {}
         for i in range(self._counts[1]):
@@ -150,6 +151,7 @@ class Signal:
 
     @cached_property
     def receivers(self):
+        self._live()
         out, t = [], ctypes.c_char_p()
         for i in range(self._counts[0]):
             lib.tarn_signal_receiver(self._handle, i, ctypes.byref(t))
@@ -159,6 +161,7 @@ class Signal:
     @cached_property
     def multiplexer_ranges(self):
         """Inclusive ranges of switch values that select the signal."""
+        self._live()
         low, high = ctypes.c_uint64(), ctypes.c_uint64()
         out = []
         for i in range(self._counts[2]):
@@ -182,8 +185,13 @@ class Signal:
 
     @cached_property
     def attributes(self):
+        self._live()
         return _attributes(lambda i, out: lib.tarn_signal_attr(self._handle, i, out),
                            self._counts[3])
+
+    def _live(self):
+        # The handle points into the database: reading it after close() would crash.
+        self._message._db._live()
 
     def _choice_raw(self, name):
         for raw, t in (self.choices or {}).items():
@@ -220,6 +228,7 @@ class Message:
 
     @cached_property
     def signals(self):
+        self._db._live()
         out, sig = [], ctypes.c_void_p()
         for i in range(self._counts[0]):
             lib.tarn_message_signal(self._handle, i, ctypes.byref(sig))
@@ -238,6 +247,7 @@ class Message:
 
     @cached_property
     def senders(self):
+        self._db._live()
         out, t = [], ctypes.c_char_p()
         for i in range(self._counts[1]):
             lib.tarn_message_sender(self._handle, i, ctypes.byref(t))
@@ -246,6 +256,7 @@ class Message:
 
     @cached_property
     def attributes(self):
+        self._db._live()
         return _attributes(lambda i, out: lib.tarn_message_attr(self._handle, i, out),
                            self._counts[2])
 
@@ -451,14 +462,16 @@ class Database:
     # -- model ---------------------------------------------------------------------
     @cached_property
     def nodes(self):
+        self._live()
         return [Node(self, i) for i in range(self._info[1])]
 
     @cached_property
     def attributes(self):
-        return _attributes(lambda i, out: lib.tarn_db_attr(self._handle, i, out), self._info[3])
+        return _attributes(lambda i, out: lib.tarn_db_attr(self._live(), i, out), self._info[3])
 
     @cached_property
     def attribute_definitions(self):
+        self._live()
         out = {}
         d, t = N.AttrDef(), ctypes.c_char_p()
         for i in range(self._info[2]):
@@ -485,6 +498,7 @@ class Database:
     @cached_property
     def value_tables(self):
         """Named value tables (VAL_TABLE_) as {name: {raw: text}}."""
+        self._live()
         out = {}
         name, count = ctypes.c_char_p(), ctypes.c_size_t()
         raw, t = ctypes.c_int64(), ctypes.c_char_p()

@@ -129,6 +129,12 @@ def _raises(exc, fn, signal=None):
         assert info.value.signal == signal and signal in str(info.value)
 
 
+def closed():
+    db = tarn.load_file(DEMO_DBC)
+    db.close()
+    return db
+
+
 @pytest.mark.parametrize("case", [
     lambda db: _raises(tarn.DecodeError, lambda: db.decode_message("Nope", b"")),
     lambda db: _raises(tarn.DecodeError, lambda: db.decode_message(0x7FF, bytes(8))),
@@ -149,9 +155,10 @@ def _raises(exc, fn, signal=None):
         "Diagnostics", {"Page": 0, "BatteryVoltage": 1}), "BatteryVoltage"),
     lambda db: _raises(tarn.EncodeError, lambda: db.encode_message("Nope", {})),
     lambda db: _raises(FileNotFoundError, lambda: tarn.load_file("/nonexistent.dbc")),
+    lambda db: _raises(tarn.Error, lambda: closed().messages[0].signals),
 ], ids=["unknown name", "unknown id", "short payload", "strict range", "raw overflow",
         "nan", "unknown signal", "unknown choice", "negative unsigned raw",
-        "unselected page", "unknown message", "missing file"])
+        "unselected page", "unknown message", "missing file", "closed database"])
 def test_errors(db, case):
     case(db)
 
