@@ -270,7 +270,8 @@ def _candidates():
     except ImportError:
         pass
     root = os.path.dirname(os.path.dirname(here))
-    builds = [p for p in glob.glob(os.path.join(root, "build*", "libtarn.so"))
+    builds = [p for pattern in (("build*", "libtarn.so"), ("build*", "*", "libtarn.so"))
+              for p in glob.glob(os.path.join(root, *pattern))
               if not _instrumented(os.path.dirname(p))]
     # ./build first, then the most recently built of the others
     builds.sort(key=lambda p: (os.path.basename(os.path.dirname(p)) != "build",

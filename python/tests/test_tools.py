@@ -103,16 +103,23 @@ def test_packaging(tmp_path):
     assert (target / "tarn" / "columns.py").exists()
     assert git_status() == before
 
-    build = os.path.dirname(tarn.library_path)
+    build = os.path.dirname(os.path.abspath(tarn.library_path))
+    env = {k: v for k, v in os.environ.items() if k not in ("TARN_LIBRARY", "PYTHONPATH")}
+    if build.startswith(os.path.join(ROOT, "build")):  # found in the repository's build tree
+        assert ROOT in load_path(PKG, env, tmp_path)
     if not os.path.exists(os.path.join(build, "CMakeCache.txt")) or not shutil.which("cmake"):
         pytest.skip("the library does not come from a build tree")
     prefix = tmp_path / "prefix"
     subprocess.run(["cmake", "--install", build, "--prefix", str(prefix)], check=True,
                    capture_output=True, timeout=300)
     (package,) = prefix.glob("lib/python3*/*-packages/tarn")
-    env = {k: v for k, v in os.environ.items() if k not in ("TARN_LIBRARY", "PYTHONPATH")}
-    env["PYTHONPATH"] = str(package.parent)
+    assert load_path(str(package.parent), env, tmp_path).startswith(str(prefix))
+
+
+def load_path(pythonpath, env, cwd):
+    """The library that `import tarn` loads with that path and environment."""
     found = subprocess.run([sys.executable, "-c", "import tarn; print(tarn.library_path)"],
-                           env=env, capture_output=True, text=True, cwd=str(tmp_path))
+                           env=dict(env, PYTHONPATH=pythonpath), capture_output=True,
+                           text=True, cwd=str(cwd))
     assert found.returncode == 0, found.stderr
-    assert os.path.realpath(found.stdout.strip()).startswith(str(prefix))
+    return os.path.realpath(found.stdout.strip())
