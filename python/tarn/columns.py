@@ -253,7 +253,11 @@ def decode_log(db, source, format=None):
     the frame that completed them. Only messages that occur are returned."""
     if isinstance(source, (str, bytes)) or hasattr(source, "__fspath__"):
         with LogReader(source, format) as reader:
-            chunks = _decode_chunks(db, _prefetched(reader.batches()), db.is_j1939)
+            batches = _prefetched(reader.batches())
+            try:
+                chunks = _decode_chunks(db, batches, db.is_j1939)
+            finally:
+                batches.close()  # the read-ahead thread is done with the reader
     else:
         chunks = _decode_chunks(db, frame_batches(source), db.is_j1939)
     return _layout(db, chunks)
