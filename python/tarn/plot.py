@@ -47,8 +47,8 @@ def plot(db, log, signals, output, format=None, frames=None, title=None):
     fig = Figure(figsize=(10, 1.2 + 2.4 * len(panels)))
     FigureCanvasAgg(fig)
     axes = fig.subplots(len(panels), 1, sharex=True, squeeze=False)[:, 0]
-    for ax, ((unit, has_choices), members) in zip(axes, panels.items()):
-        has_choices = has_choices is not None
+    for ax, ((unit, table), members) in zip(axes, panels.items()):
+        has_choices = table is not None
         ticks = {}
         for msg, sig in members:
             df = frames.get(msg.name)
@@ -65,14 +65,9 @@ def plot(db, log, signals, output, format=None, frames=None, title=None):
                 for raw, label in sig.choices.items():
                     ticks.setdefault(raw * sig.scale + sig.offset, label)
         if ticks:
-            seen = set(np.unique(np.concatenate(
+            _label_values(ax, ticks, np.concatenate(
                 [frames[m.name][s.name].dropna().to_numpy() for m, s in members
-                 if m.name in frames] or [np.empty(0)])).tolist())
-            # The texts of the values that occur, else all of a short table.
-            shown = {v: t for v, t in ticks.items() if v in seen} or ticks
-            if len(shown) <= _MAX_TICKS:
-                ax.set_yticks(sorted(shown))
-                ax.set_yticklabels([shown[v] for v in sorted(shown)], fontsize="small")
+                 if m.name in frames] or [np.empty(0)]))
         ax.set_ylabel(unit)
         ax.grid(True, alpha=0.3)
         ax.legend(loc="upper right", fontsize="small")
@@ -82,3 +77,24 @@ def plot(db, log, signals, output, format=None, frames=None, title=None):
     fig.tight_layout()
     fig.savefig(output, dpi=100)
     return fig
+
+
+def _label_values(ax, texts, values):
+    """Value-table texts as y ticks. A signal whose every value has a text
+    gets texts only; one whose table names a few special values (an
+    "SNA" sentinel, say) keeps its numeric ticks beside them."""
+    seen = set(np.unique(values).tolist())
+    shown = {v: t for v, t in texts.items() if v in seen}
+    if seen and seen <= set(texts):
+        if len(shown) <= _MAX_TICKS:
+            ax.set_yticks(sorted(shown))
+            ax.set_yticklabels([shown[v] for v in sorted(shown)], fontsize="small")
+        return
+    low, high = ax.get_ylim()
+    near = 0.04 * (high - low)  # numbers this close to a text would overprint it
+    numbers = [t for t in ax.get_yticks() if low <= t <= high
+               and all(abs(t - v) > near for v in shown)]
+    marks = sorted(set(numbers) | set(list(shown)[:_MAX_TICKS]))
+    ax.set_yticks(marks)
+    ax.set_yticklabels([shown.get(v, "%g" % v) for v in marks], fontsize="small")
+    ax.set_ylim(low, high)
