@@ -331,7 +331,7 @@ class Message:
         if rc == N.ERR_RANGE:
             span = ""
             if sig.minimum is not None and sig.minimum < sig.maximum:
-                span = " [%g, %g]" % (sig.minimum, sig.maximum)
+                span = " [%.15g, %.15g]" % (sig.minimum, sig.maximum)
             return "%s: %r is out of range%s (%d-bit %s)" % (
                 sig.name, value, span, sig.length, "signed" if sig.is_signed else "unsigned")
         return "%s: %r: %s" % (sig.name, value, N.status_text(rc))
