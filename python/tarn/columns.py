@@ -130,12 +130,18 @@ def _decode_chunks(db, batches, j1939):
                     continue
                 res = results[:d]
                 mi = res["message_index"]
+                times = frames["time"][start:start + d]
                 hit = np.flatnonzero(mi != NO_MESSAGE)
-                count = res["count"][hit].astype(np.int64)
+                if len(hit) == d:  # every frame known: slices, not fancy indexing
+                    mi, count = mi.copy(), res["count"].astype(np.int64)
+                    times = times.copy()
+                else:
+                    mi, count, times = mi[hit], res["count"][hit].astype(np.int64), times[hit]
                 used = int(res["first"][d - 1]) + int(res["count"][d - 1])
                 v = values[:used]
-                chunks.append(_Chunk(mi[hit], frames["time"][start:start + d][hit], count,
-                                     hit + (seq + start), v["signal"].astype(np.uint32),
+                chunks.append(_Chunk(mi, times, count, hit + (seq + start),
+                                     v["signal"].astype(np.uint16 if db.max_signals <= 0xFFFF
+                                                        else np.uint32),
                                      v["physical"].copy()))
                 start += d
             if transfers is not None:
@@ -204,7 +210,16 @@ def _names(msg):
     # Kept with the message: a ready Index makes each DataFrame cheap to build.
     names = getattr(msg, "_columns", None)
     if names is None:
-        names = msg._columns = pd.Index([s.name for s in msg.signals])
+        if "signals" in msg.__dict__:
+            names = [s.name for s in msg.signals]
+        else:  # names alone, without building every Signal of a large database
+            sig, info = ctypes.c_void_p(), N.SignalInfo()
+            names = []
+            for i in range(msg._counts[0]):
+                lib.tarn_message_signal(msg._handle, i, ctypes.byref(sig))
+                lib.tarn_signal_get_info(sig, ctypes.byref(info))
+                names.append(info.name.decode("utf-8", "replace"))
+        names = msg._columns = pd.Index(names)
     return names
 
 
