@@ -1,8 +1,9 @@
 """Whole logs into one pandas DataFrame per message.
 
 The library decodes a batch of frames per call (tarn_decode_batch); what it
-returns is laid out into columns with numpy only, so Python never touches a
-single frame: first every batch's results and values are kept in compact
+returns is laid out into columns with numpy only, so Python handles no frame
+on its own (J1939 transport frames aside, which go one by one to the
+reassembly): first every batch's results and values are kept in compact
 arrays, then, once the row count of every message is known, all values are
 scattered in one go into one NaN-filled buffer that holds a row-major block
 per message. The DataFrames are views of those blocks."""
