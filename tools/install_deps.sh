@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-          pkg-config python3 python3-can python3-pytest binutils)
+          pkg-config python3 python3-can python3-pytest python3-numpy python3-pandas
+          python3-matplotlib python3-dask python3-distributed python3-pip binutils)
 
 missing=()
 for pkg in "${packages[@]}"; do

@@ -1,29 +1,34 @@
-"""Python binding of libtarn: DBC databases, signal decoding and encoding,
-and J1939 transport, over the library's C interface (ctypes, no build step).
+"""libtarn for Python: DBC databases, decoding and encoding of CAN and CAN FD
+frames, whole logs into pandas DataFrames, and J1939 transport, over the
+library's native C interface (ctypes; numpy and pandas).
 
     import tarn
-    db = tarn.Database("examples/demo.dbc")
-    name, values = db.decode(0x0CF00400, bytes.fromhex("F1968C803EFFF0F6"))
+    db = tarn.load_file("examples/demo.dbc")
+    db.decode_message("EngineStatus", payload)
+    frames = db.decode_log("drive.log")   # {message name: DataFrame}
+    node = tarn.j1939.Node(bus, address=0x80)   # a python-can bus
+
+The library's diagnostics go to the logging logger "tarn", never to
+standard output.
 """
 
-import ctypes as _ctypes
+import importlib
 
-from ._native import lib as _lib, library_path
-from .database import (Database, Decoded, Message, Node, Signal, TarnError,
-                       UnknownMessageError)
-from .transport import (Frame, TransportSession, SEND_OK, SEND_FAILED, SEND_QUEUED,
-                        SEND_REFUSED)
-
-# The binding hands the library SocketCAN-layout frames; the layout is one
-# switch for the whole process.
-_lib.TARN_SetFrameType(0)
+from . import j1939
+from ._native import library_path
+from .database import (AttributeDefinition, Database, Diagnostic, Message, Node, Signal,
+                       load_file, load_string)
+from .errors import DecodeError, EncodeError, Error, ParseError
+from .logs import Frame, LogReader, read_log
 
 
-def set_log_file(path):
-    """Sends the library's diagnostics to `path` (None: standard output)."""
-    _lib.TARN_SetLogFile(True, None if path is None else str(path).encode())
+def __getattr__(name):
+    # The modules that need pandas, matplotlib or Dask load on first use.
+    if name in ("columns", "dask", "plot"):
+        return importlib.import_module("." + name, __name__)
+    raise AttributeError("module 'tarn' has no attribute %r" % name)
 
 
-__all__ = ["Database", "Decoded", "Message", "Node", "Signal", "TarnError",
-           "UnknownMessageError", "Frame", "TransportSession", "SEND_OK", "SEND_FAILED",
-           "SEND_QUEUED", "SEND_REFUSED", "library_path", "set_log_file"]
+__all__ = ["AttributeDefinition", "Database", "DecodeError", "Diagnostic", "EncodeError",
+           "Error", "Frame", "LogReader", "Message", "Node", "ParseError", "Signal",
+           "j1939", "library_path", "load_file", "load_string", "read_log"]

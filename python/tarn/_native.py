@@ -1,149 +1,248 @@
-"""ctypes mirror of tarn.h: record layouts, callback types and entry points."""
+"""ctypes mirror of the native face (tarn/db.h, tarn/log.h, tarn/j1939.h):
+finding and loading libtarn.so, record layouts, numpy dtypes of the batch
+records, entry point prototypes and the log handler."""
 
+import atexit
 import ctypes
 import ctypes.util
 import glob
+import logging
 import os
 
-TARN_MAX_SIGNALS = 256
-TARN_NAME_LEN = 128
-TARN_COMMENT_LEN = 201
-TARN_UNIT_LEN = 11
-TARN_VALDESC_LEN = 128
-TARN_PATH_LEN = 261
+import numpy as np
 
-CAN_EFF_FLAG = 0x80000000
-CAN_RTR_FLAG = 0x40000000
-CAN_EFF_MASK = 0x1FFFFFFF
+# ---- Status codes ---------------------------------------------------------
 
+OK = 0
+ERR_ARGUMENT = -1
+ERR_IO = -3
+ERR_NOT_DBC = -4
+ERR_PARSE = -5
+ERR_NOT_FOUND = -7
+ERR_RANGE = -8
+ERR_NOT_FINITE = -9
+ERR_BUFFER = -10
+ERR_MULTIPLEX = -11
+ERR_STATE = -12
 
-class DBCSignal(ctypes.Structure):
-    _fields_ = [
-        ("startBit", ctypes.c_uint32),
-        ("length", ctypes.c_uint32),
-        ("factor", ctypes.c_double),
-        ("offset", ctypes.c_double),
-        ("minimum", ctypes.c_double),
-        ("maximum", ctypes.c_double),
-        ("rawValue", ctypes.c_uint64),
-        ("isSigned", ctypes.c_uint8),
-        ("byteOrder", ctypes.c_uint8),
-        ("multiplexerType", ctypes.c_uint8),
-        ("valueType", ctypes.c_uint8),
-        ("multiplexerValue", ctypes.c_uint32),
-        ("unit", ctypes.c_char * TARN_UNIT_LEN),
-        ("name", ctypes.c_char * TARN_NAME_LEN),
-        ("comment", ctypes.c_char * TARN_COMMENT_LEN),
-        ("valueDescription", ctypes.c_char * TARN_VALDESC_LEN),
-    ]
+OPEN_STRICT = 1
+OPEN_J1939 = 2
+RAW_SIGNED = 1
+RAW_FLOAT = 2
+FRAME_FD, FRAME_REMOTE, FRAME_ERROR = 1, 2, 4
+ENCODE_STRICT = 1
+INPUT_PHYSICAL, INPUT_RAW, INPUT_RAW_FLOAT = 0, 1, 2
+VALUE_INTEGER, VALUE_FLOAT, VALUE_DOUBLE = 0, 1, 2
+ATTR_INT, ATTR_HEX, ATTR_FLOAT, ATTR_STRING, ATTR_ENUM = range(5)
+J1939_GLOBAL = 0xFF
+J1939_NO_ADDRESS = -1
 
+_c = ctypes
+_sz, _u8, _u32, _i32, _u64, _i64, _dbl, _int = (_c.c_size_t, _c.c_uint8, _c.c_uint32, _c.c_int32,
+                                               _c.c_uint64, _c.c_int64, _c.c_double, _c.c_int)
+_str, _vp = _c.c_char_p, _c.c_void_p
 
-class DBCMessage(ctypes.Structure):
-    _fields_ = [
-        ("signalCount", ctypes.c_uint32),
-        ("id", ctypes.c_uint32),
-        ("size", ctypes.c_uint32),
-        ("cycleTime", ctypes.c_double),
-        ("extended", ctypes.c_uint8),
-        ("signals", DBCSignal * TARN_MAX_SIGNALS),
-        ("name", ctypes.c_char * TARN_NAME_LEN),
-        ("comment", ctypes.c_char * TARN_COMMENT_LEN),
-    ]
+# ---- Records ------------------------------------------------------------------
 
 
-class FileInfo(ctypes.Structure):
-    _fields_ = [("path", ctypes.c_char * TARN_PATH_LEN), ("merge", ctypes.c_uint8)]
+class Diagnostic(_c.Structure):
+    _fields_ = [("line", _u32), ("section", _str), ("reason", _str)]
 
 
-class ValDescPair(ctypes.Structure):
-    _fields_ = [("value", ctypes.c_double), ("desc", ctypes.c_char * TARN_VALDESC_LEN)]
+class DbInfo(_c.Structure):
+    _fields_ = [("version", _str), ("comment", _str), ("message_count", _sz),
+                ("node_count", _sz), ("attr_def_count", _sz), ("attr_count", _sz),
+                ("value_table_count", _sz), ("max_signals", _u32), ("j1939", _int)]
 
 
-class DBCNetworkNode(ctypes.Structure):
-    _fields_ = [("name", ctypes.c_char * TARN_NAME_LEN), ("stationAddress", ctypes.c_uint32)]
+class NodeInfo(_c.Structure):
+    _fields_ = [("name", _str), ("comment", _str), ("attr_count", _sz)]
 
 
-class CanFrame(ctypes.Structure):
-    _fields_ = [
-        ("can_id", ctypes.c_uint32),
-        ("len", ctypes.c_uint8),
-        ("pad", ctypes.c_uint8),
-        ("res0", ctypes.c_uint8),
-        ("res1", ctypes.c_uint8),
-        ("data", ctypes.c_uint8 * 8),
-    ]
+class MessageInfo(_c.Structure):
+    _fields_ = [("name", _str), ("comment", _str), ("id", _u32), ("extended", _int),
+                ("length", _u32), ("index", _u32), ("signal_count", _sz),
+                ("sender_count", _sz), ("attr_count", _sz), ("cycle_time_ms", _i32),
+                ("multiplexed", _int), ("pgn", _u32)]
 
 
-class CanFdFrame(ctypes.Structure):
-    _fields_ = [
-        ("can_id", ctypes.c_uint32),
-        ("len", ctypes.c_uint8),
-        ("flags", ctypes.c_uint8),
-        ("res0", ctypes.c_uint8),
-        ("res1", ctypes.c_uint8),
-        ("data", ctypes.c_uint8 * 64),
-    ]
+class SignalInfo(_c.Structure):
+    _fields_ = [("name", _str), ("unit", _str), ("comment", _str), ("index", _u32),
+                ("start_bit", _u32), ("length", _u32), ("big_endian", _int),
+                ("is_signed", _int), ("value_type", _int), ("factor", _dbl),
+                ("offset", _dbl), ("minimum", _dbl), ("maximum", _dbl), ("is_switch", _int),
+                ("switch_index", _i32), ("mux_range_count", _sz), ("receiver_count", _sz),
+                ("value_count", _sz), ("attr_count", _sz)]
 
 
-# A mismatch here means the binding and the library disagree on the binary
-# interface; failing at import is better than corrupting memory later.
-_SIZES = {
-    DBCSignal: 528,
-    DBCMessage: 135536,
-    FileInfo: 262,
-    ValDescPair: 136,
-    DBCNetworkNode: 132,
-    CanFrame: 16,
-    CanFdFrame: 72,
-}
-for _cls, _size in _SIZES.items():
-    if ctypes.sizeof(_cls) != _size:
-        raise ImportError("tarn: %s is %d bytes, expected %d"
-                          % (_cls.__name__, ctypes.sizeof(_cls), _size))
-if DBCMessage.signals.offset != 32 or DBCMessage.name.offset != 135200:
-    raise ImportError("tarn: DBCMessage field offsets do not match the library")
+class AttrDef(_c.Structure):
+    _fields_ = [("name", _str), ("object", _int), ("type", _int), ("minimum", _dbl),
+                ("maximum", _dbl), ("enum_count", _sz), ("has_default", _int),
+                ("default_number", _dbl), ("default_text", _str)]
 
-AsyncAnalyseCallback = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.POINTER(DBCMessage),
-                                        ctypes.c_uint64)
-SenderFunc = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.c_void_p, ctypes.c_void_p)
-MultiTransDoneFunc = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.POINTER(DBCMessage),
-                                      ctypes.POINTER(ctypes.c_uint8), ctypes.c_uint16,
-                                      ctypes.c_uint8)
 
-_u32, _u8, _bool, _p = ctypes.c_uint32, ctypes.c_uint8, ctypes.c_bool, ctypes.c_void_p
-_MSG = ctypes.POINTER(DBCMessage)
+class Attr(_c.Structure):
+    _fields_ = [("name", _str), ("type", _int), ("number", _dbl), ("text", _str)]
+
+
+class RawUnion(_c.Union):
+    _fields_ = [("u", _u64), ("i", _i64), ("f", _dbl)]
+
+
+class Value(_c.Structure):
+    _fields_ = [("signal", _u32), ("flags", _u32), ("raw", RawUnion), ("physical", _dbl),
+                ("text", _str)]
+
+
+class Decoded(_c.Structure):
+    _fields_ = [("message", _vp), ("message_index", _u32), ("count", _u32), ("absent", _u32),
+                ("pgn", _u32), ("priority", _u8), ("source", _u8), ("destination", _u8),
+                ("j1939", _u8)]
+
+
+class Frame(_c.Structure):
+    _fields_ = [("time", _dbl), ("id", _u32), ("extended", _u8), ("length", _u8),
+                ("flags", _u8), ("channel", _u8), ("data", _u8 * 64)]
+
+
+class BatchResult(_c.Structure):
+    _fields_ = [("message", _vp), ("message_index", _u32), ("first", _u32), ("count", _u32)]
+
+
+class InputRaw(_c.Union):
+    _fields_ = [("u", _u64), ("i", _i64)]
+
+
+class Input(_c.Structure):
+    _fields_ = [("name", _str), ("signal", _u32), ("kind", _int), ("raw", InputRaw),
+                ("physical", _dbl)]
+
+
+class LogInfo(_c.Structure):
+    _fields_ = [("format", _int), ("channel_count", _sz), ("lines", _u64), ("frames", _u64),
+                ("malformed", _u64), ("overlong", _u64)]
+
+
+class LogProblem(_c.Structure):
+    _fields_ = [("line", _u64), ("kind", _int), ("reason", _str), ("excerpt", _str)]
+
+
+class DmHeader(_c.Structure):
+    _fields_ = [("lamp_status", _u8 * 4), ("lamp_flash", _u8 * 4), ("dtc_count", _u32)]
+
+
+class Dtc(_c.Structure):
+    _fields_ = [("spn", _u32), ("fmi", _u8), ("occurrences", _u8), ("conversion", _u8),
+                ("reserved", _u8)]
+
+
+class J1939Transfer(_c.Structure):
+    _fields_ = [("time_us", _u64), ("pgn", _u32), ("size", _u32), ("data", _c.POINTER(_u8)),
+                ("priority", _u8), ("source", _u8), ("destination", _u8), ("role", _u8)]
+
+
+class J1939Ended(_c.Structure):
+    _fields_ = [("time_us", _u64), ("pgn", _u32), ("size", _u32), ("done", _u32),
+                ("priority", _u8), ("source", _u8), ("destination", _u8), ("role", _u8),
+                ("reason", _u8), ("abort_reason", _u8)]
+
+
+LogFn = _c.CFUNCTYPE(None, _vp, _int, _str)
+ProblemFn = _c.CFUNCTYPE(None, _vp, _c.POINTER(LogProblem))
+SendFn = _c.CFUNCTYPE(_int, _vp, _u32, _c.POINTER(_u8), _sz)
+TransferFn = _c.CFUNCTYPE(None, _vp, _c.POINTER(J1939Transfer))
+EndedFn = _c.CFUNCTYPE(None, _vp, _c.POINTER(J1939Ended))
+
+
+class J1939Options(_c.Structure):
+    _fields_ = [("address", _int), ("cts_window", _c.c_uint), ("bam_gap_ms", _c.c_uint),
+                ("max_sessions", _c.c_uint), ("send", SendFn), ("on_transfer", TransferFn),
+                ("on_ended", EndedFn), ("user", _vp)]
+
+
+_J1939_STATS = ("frames received sent ended refused duplicates out_of_order out_of_range "
+                "unexpected size_mismatches stray malformed timeouts aborts_sent "
+                "aborts_received retransmit_requests send_failures open_sessions "
+                "peak_sessions").split()
+
+
+class J1939Stats(_c.Structure):
+    _fields_ = [(name, _u64) for name in _J1939_STATS]
+
+
+# The batch records as numpy dtypes, so that whole arrays of them pass to the
+# library in one call; tests check them against the ctypes layouts above.
+FRAME_DTYPE = np.dtype([("time", "<f8"), ("id", "<u4"), ("extended", "u1"), ("length", "u1"),
+                        ("flags", "u1"), ("channel", "u1"), ("data", "u1", (64,))])
+VALUE_DTYPE = np.dtype([("signal", "<u4"), ("flags", "<u4"), ("raw", "<u8"),
+                        ("physical", "<f8"), ("text", "<u8")])
+RESULT_DTYPE = np.dtype({"names": ["message", "message_index", "first", "count"],
+                         "formats": ["<u8", "<u4", "<u4", "<u4"],
+                         "offsets": [0, 8, 12, 16], "itemsize": 24})
+
+# ---- Prototypes -------------------------------------------------------------
+
+_P = _c.POINTER
+_pp = _P(_vp)
 _PROTOTYPES = {
-    "TARN_Init": (_u32, [_bool, _bool]),
-    "TARN_Release": (None, [_u32]),
-    "TARN_SetLogFile": (None, [_bool, ctypes.c_char_p]),
-    "TARN_SetFrameType": (None, [_u32]),
-    "TARN_GetFrameType": (_u32, []),
-    "TARN_LoadFile": (_bool, [_u32, ctypes.POINTER(FileInfo)]),
-    "TARN_SetProtocol": (None, [_u32, _u8]),
-    "TARN_GetProtocol": (_u8, [_u32]),
-    "TARN_GetFirstMessage": (_bool, [_u32, _MSG]),
-    "TARN_GetNextMessage": (_bool, [_u32, _MSG]),
-    "TARN_GetMessageCount": (_u32, [_u32]),
-    "TARN_GetMessageById": (_bool, [_u32, _u32, _MSG]),
-    "TARN_GetValDescPairCount": (_u32, [_u32, _u32, ctypes.c_char_p]),
-    "TARN_GetValDescPair": (None, [_u32, _u32, ctypes.c_char_p, ctypes.POINTER(ValDescPair)]),
-    "TARN_GetNetworkNodeCount": (_u32, [_u32]),
-    "TARN_GetNetworkNodeAt": (_bool, [_u32, _u32, ctypes.POINTER(DBCNetworkNode)]),
-    "TARN_Analyse": (_bool, [_u32, _p, _u8, _MSG]),
-    "TARN_Decode": (_bool, [_u32, _MSG, _p, _u32]),
-    "TARN_Encode": (_bool, [_u32, _p, ctypes.POINTER(_u32), _MSG]),
-    "TARN_OnReceive": (None, [_u32, _p, _u8]),
-    "TARN_AsyncAnalyse": (_bool, [_u32, _p, _u8, ctypes.c_uint64]),
-    "TARN_SetAsyncAnalyseCallback": (None, [_u32, AsyncAnalyseCallback, _p]),
-    "TARN_SetSender": (None, [_u32, SenderFunc, _p]),
-    "TARN_SetOnMultiTransDoneFunc": (None, [_u32, MultiTransDoneFunc, _p]),
-    "TARN_Send": (_u32, [_u32, _MSG, _u8]),
-    "TARN_SetCANFDSender": (None, [_u32, SenderFunc, _p]),
-    "TARN_CalcActualValue": (ctypes.c_double, [ctypes.POINTER(DBCSignal),
-                                               ctypes.POINTER(ctypes.c_uint64)]),
-    "TARN_CalcRawValue": (ctypes.c_uint64, [ctypes.POINTER(DBCSignal),
-                                            ctypes.POINTER(ctypes.c_double)]),
+    "tarn_status_text": (_str, [_int]),
+    "tarn_version": (_str, []),
+    "tarn_set_log_handler": (None, [LogFn, _vp]),
+    "tarn_db_open": (_int, [_str, _c.c_uint, _pp, _c.c_char_p, _sz]),
+    "tarn_db_open_buffer": (_int, [_c.c_char_p, _sz, _c.c_uint, _pp, _c.c_char_p, _sz]),
+    "tarn_db_close": (None, [_vp]),
+    "tarn_db_write_dbc": (_int, [_vp, _c.c_char_p, _sz, _P(_sz)]),
+    "tarn_db_diagnostic_count": (_sz, [_vp]),
+    "tarn_db_diagnostic": (_int, [_vp, _sz, _P(Diagnostic)]),
+    "tarn_db_get_info": (_int, [_vp, _P(DbInfo)]),
+    "tarn_db_node": (_int, [_vp, _sz, _P(NodeInfo)]),
+    "tarn_db_message": (_int, [_vp, _sz, _pp]),
+    "tarn_db_find_message": (_int, [_vp, _u32, _int, _pp]),
+    "tarn_db_find_message_by_pgn": (_int, [_vp, _u32, _pp]),
+    "tarn_message_get_info": (_int, [_vp, _P(MessageInfo)]),
+    "tarn_message_sender": (_int, [_vp, _sz, _P(_str)]),
+    "tarn_message_signal": (_int, [_vp, _sz, _pp]),
+    "tarn_signal_get_info": (_int, [_vp, _P(SignalInfo)]),
+    "tarn_signal_receiver": (_int, [_vp, _sz, _P(_str)]),
+    "tarn_signal_value_text": (_int, [_vp, _sz, _P(_i64), _P(_str)]),
+    "tarn_signal_mux_range": (_int, [_vp, _sz, _P(_u64), _P(_u64)]),
+    "tarn_db_attr_def": (_int, [_vp, _sz, _P(AttrDef)]),
+    "tarn_db_attr_enum": (_int, [_vp, _sz, _sz, _P(_str)]),
+    "tarn_db_attr": (_int, [_vp, _sz, _P(Attr)]),
+    "tarn_node_attr": (_int, [_vp, _sz, _sz, _P(Attr)]),
+    "tarn_message_attr": (_int, [_vp, _sz, _P(Attr)]),
+    "tarn_signal_attr": (_int, [_vp, _sz, _P(Attr)]),
+    "tarn_db_value_table": (_int, [_vp, _sz, _P(_str), _P(_sz)]),
+    "tarn_db_value_table_entry": (_int, [_vp, _sz, _sz, _P(_i64), _P(_str)]),
+    "tarn_decode": (_int, [_vp, _u32, _int, _c.c_char_p, _sz, _P(Value), _sz, _P(Decoded)]),
+    "tarn_decode_message": (_int, [_vp, _c.c_char_p, _sz, _P(Value), _sz, _P(Decoded)]),
+    "tarn_decode_batch": (_int, [_vp, _vp, _sz, _vp, _sz, _vp, _P(_sz)]),
+    "tarn_encode": (_int, [_vp, _P(Input), _sz, _c.c_uint, _c.c_char_p, _sz, _P(_sz),
+                           _P(_sz)]),
+    "tarn_log_format_name": (_str, [_int]),
+    "tarn_log_open": (_int, [_str, _int, _pp]),
+    "tarn_log_open_fd": (_int, [_int, _int, _pp]),
+    "tarn_log_close": (None, [_vp]),
+    "tarn_log_read": (_int, [_vp, _vp, _sz, _P(_sz)]),
+    "tarn_log_get_info": (_int, [_vp, _P(LogInfo)]),
+    "tarn_log_channel": (_int, [_vp, _sz, _P(_str)]),
+    "tarn_log_set_problem_handler": (_int, [_vp, ProblemFn, _vp]),
+    "tarn_j1939_pgn": (_u32, [_u32]),
+    "tarn_j1939_make_id": (_int, [_u8, _u32, _u8, _u8, _P(_u32)]),
+    "tarn_j1939_dm_parse": (_int, [_c.c_char_p, _sz, _P(DmHeader), _P(Dtc), _sz]),
+    "tarn_j1939_options_init": (None, [_P(J1939Options)]),
+    "tarn_j1939_create": (_int, [_P(J1939Options), _pp]),
+    "tarn_j1939_destroy": (None, [_vp]),
+    "tarn_j1939_receive": (_int, [_vp, _u64, _u32, _c.c_char_p, _sz]),
+    "tarn_j1939_send": (_int, [_vp, _u64, _u8, _u32, _u8, _c.c_char_p, _sz]),
+    "tarn_j1939_poll": (_int, [_vp, _u64, _P(_u64)]),
+    "tarn_j1939_start_timer": (_int, [_vp]),
+    "tarn_j1939_stop_timer": (_int, [_vp]),
+    "tarn_j1939_clock_us": (_u64, []),
+    "tarn_j1939_get_stats": (_int, [_vp, _P(J1939Stats)]),
 }
+
+# ---- Finding the library ------------------------------------------------------
 
 
 def _instrumented(build_dir):
@@ -157,42 +256,87 @@ def _instrumented(build_dir):
 
 
 def _candidates():
-    """Where to look for libtarn.so, best first."""
+    """Where to look for libtarn.so, best first: the environment, the library
+    installed with this package, a build tree of the repository around it,
+    then the system's loader."""
     env = os.environ.get("TARN_LIBRARY")
     if env:
         return [env]
     here = os.path.dirname(os.path.abspath(__file__))
+    found = []
+    try:
+        from . import _install  # written by the CMake install beside the package
+        found.append(os.path.normpath(os.path.join(here, _install.LIBRARY)))
+    except ImportError:
+        pass
     root = os.path.dirname(os.path.dirname(here))
-    found = glob.glob(os.path.join(root, "build", "libtarn.so"))
-    others = [p for p in glob.glob(os.path.join(root, "build*", "libtarn.so"))
-              if p not in found and not _instrumented(os.path.dirname(p))]
-    found += sorted(others, key=os.path.getmtime, reverse=True)
-    system = ctypes.util.find_library("tarn")
-    return found + [system or "libtarn.so.1"]
+    builds = [p for pattern in (("build*", "libtarn.so"), ("build*", "*", "libtarn.so"))
+              for p in glob.glob(os.path.join(root, *pattern))
+              if not _instrumented(os.path.dirname(p))]
+    # ./build first, then the most recently built of the others
+    builds.sort(key=lambda p: (os.path.basename(os.path.dirname(p)) != "build",
+                               -os.path.getmtime(p)))
+    found += builds
+    return found + [ctypes.util.find_library("tarn") or "libtarn.so.1"]
 
 
 def _load():
     errors = []
     for path in _candidates():
         try:
-            lib = ctypes.CDLL(path)
+            handle = ctypes.CDLL(path)
         except OSError as exc:
             errors.append(str(exc))
             continue
-        for name, (restype, argtypes) in _PROTOTYPES.items():
-            fn = getattr(lib, name)
-            fn.restype = restype
-            fn.argtypes = argtypes
-        return lib, path
+        try:
+            for name, (restype, argtypes) in _PROTOTYPES.items():
+                fn = getattr(handle, name)
+                fn.restype = restype
+                fn.argtypes = argtypes
+        except AttributeError as exc:
+            errors.append("%s: %s" % (path, exc))
+            continue
+        return handle, path
     raise ImportError("tarn: cannot load libtarn.so (set TARN_LIBRARY to its path): "
                       + "; ".join(errors))
 
 
 lib, library_path = _load()
 
+# ---- Log handler ----------------------------------------------------------------
 
-def text(buf):
-    """A fixed-size record buffer as str; the library may leave it unterminated."""
-    raw = bytes(buf)
-    end = raw.find(b"\0")
-    return (raw if end < 0 else raw[:end]).decode("utf-8", "replace")
+logger = logging.getLogger("tarn")
+_LEVELS = (logging.DEBUG, logging.INFO, logging.WARNING, logging.ERROR)
+
+
+def _forward(_user, level, text):
+    # Runs on whatever thread the library logs from (ctypes takes the GIL);
+    # an exception must not cross back into C.
+    try:
+        lvl = _LEVELS[level] if 0 <= level < 4 else logging.ERROR
+        if logger.isEnabledFor(lvl):
+            logger.log(lvl, "%s", text.decode("utf-8", "replace"))
+    except Exception:  # noqa: BLE001
+        pass
+
+
+_log_callback = LogFn(_forward)  # referenced for as long as the library may call it
+lib.tarn_set_log_handler(_log_callback, None)
+
+
+@atexit.register
+def _unhook():
+    # A timer thread logging during interpreter shutdown must find no Python.
+    lib.tarn_set_log_handler(LogFn(), None)
+
+
+# ---- Helpers ------------------------------------------------------------------------
+
+
+def text(value):
+    """A const char* result as str ("" for NULL)."""
+    return value.decode("utf-8", "replace") if value else ""
+
+
+def status_text(status):
+    return text(lib.tarn_status_text(status))

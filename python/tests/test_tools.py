@@ -1,0 +1,125 @@
+"""python3 -m tarn, the plot, Dask against decode_log, and packaging."""
+
+import json
+import math
+import os
+import shutil
+import subprocess
+import sys
+
+import pandas as pd
+import pytest
+
+import tarn
+from conftest import DEMO_DBC, DEMO_LOG, PKG, ROOT, generated_log
+
+
+def run_module(*args, **kwargs):
+    return subprocess.run([sys.executable, "-m", "tarn", *args], capture_output=True,
+                          text=True, timeout=120, **kwargs)
+
+
+def test_decode_command_matches_decode_log(db):
+    text = run_module("decode", DEMO_DBC, DEMO_LOG)
+    assert text.returncode == 0, text.stderr
+    lines = text.stdout.splitlines()
+    # as hand-checked for the demo log
+    assert lines[0] == ('1700000000.000000 can0 0CF00400 EngineStatus  TorqueMode=1 '
+                        '"Accelerator pedal"  DriverDemandTorque=25 %  ActualTorque=15 %  '
+                        'EngineSpeed=2000 rpm  StarterMode=0 "Start not requested"  '
+                        'TorqueTrim=-5 %')
+    assert "10 messages (2 from transport transfers)" in text.stderr
+    rows = [json.loads(line) for line in run_module("decode", "--json", DEMO_DBC,
+                                                    DEMO_LOG).stdout.splitlines()]
+    assert len(rows) == len(lines) == 10
+    for name, df in db.decode_log(DEMO_LOG).items():
+        mine = [r for r in rows if r["name"] == name]
+        assert [r["t"] for r in mine] == pytest.approx(list(df.index))
+        for r, (_, want) in zip(mine, df.iterrows()):
+            got = {k: v["value"] for k, v in r["signals"].items()}
+            assert got == pytest.approx({k: v for k, v in want.items() if not math.isnan(v)})
+        assert all(("transfer" in r) == (name == "TripSummary") for r in mine)
+
+
+def test_plot(db, tmp_path):
+    out = tmp_path / "plot.png"
+    res = run_module("plot", DEMO_DBC, DEMO_LOG, "EngineSpeed", "TorqueMode",
+                     "Diagnostics.CoolantTemp", "RoadSurfaceTemp", "-o", str(out))
+    assert res.returncode == 0 and res.stdout == "", res.stderr
+    assert out.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    import matplotlib.image
+    image = matplotlib.image.imread(str(out))
+    assert image.shape[0] > 400 and image.shape[1] > 600 and image.std() > 0
+    bad = run_module("plot", DEMO_DBC, DEMO_LOG, "NoSuchSignal", "-o", str(out))
+    assert bad.returncode == 1 and "NoSuchSignal" in bad.stderr
+
+    import tarn.plot
+    fig = tarn.plot.plot(db, DEMO_LOG, ["EngineSpeed", "TorqueMode", "StarterMode"],
+                         str(tmp_path / "labels.png"))
+    labels = [[t.get_text() for t in ax.get_yticklabels()] for ax in fig.axes]
+    assert len(labels) == 3  # rpm, and each value-table signal apart
+    assert "Accelerator pedal" in labels[1] and "Start not requested" in labels[2]
+
+
+def test_dask_matches_decode_log(tmp_path):
+    distributed = pytest.importorskip("distributed")
+    import dask
+    import tarn.dask
+    paths = [generated_log(tmp_path, DEMO_DBC, 500, seed) for seed in (1, 2, 3)] + [DEMO_LOG]
+    try:
+        cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                           dashboard_address=None, timeout=60)
+    except Exception:  # noqa: BLE001 - no worker processes here: threads show the same
+        cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1,
+                                           processes=False, dashboard_address=None)
+    with cluster, distributed.Client(cluster):
+        lazy = tarn.dask.decode_logs(DEMO_DBC, paths)
+        assert all(df.npartitions == len(paths) for df in lazy.values())
+        (frames,) = dask.compute(lazy)
+    db = tarn.load_file(DEMO_DBC)
+    per_file = [db.decode_log(p) for p in paths]
+    assert set(frames) == {m.name for m in db.messages}
+    for name, got in frames.items():
+        pd.testing.assert_frame_equal(got, pd.concat([f[name] for f in per_file if name in f]))
+
+
+def git_status():
+    return subprocess.run(["git", "status", "--porcelain", "--untracked-files=all"], cwd=ROOT,
+                          capture_output=True, text=True).stdout
+
+
+def test_packaging(tmp_path):
+    """pip needs no network and leaves the tree as it was; a CMake install
+    puts the package beside the library it then loads."""
+    if shutil.which("git") is None or subprocess.run(
+            [sys.executable, "-m", "pip", "--version"], capture_output=True).returncode:
+        pytest.skip("git or pip missing")
+    before = git_status()
+    target = tmp_path / "site"
+    pip = subprocess.run([sys.executable, "-m", "pip", "install", "--no-index", "--no-deps",
+                          "--no-cache-dir", "--target", str(target), PKG],
+                         capture_output=True, text=True, timeout=300)
+    assert pip.returncode == 0, pip.stderr
+    assert (target / "tarn" / "columns.py").exists()
+    assert git_status() == before
+
+    build = os.path.dirname(os.path.abspath(tarn.library_path))
+    env = {k: v for k, v in os.environ.items() if k not in ("TARN_LIBRARY", "PYTHONPATH")}
+    if build.startswith(os.path.join(ROOT, "build")):  # found in the repository's build tree
+        assert ROOT in load_path(PKG, env, tmp_path)
+    if not os.path.exists(os.path.join(build, "CMakeCache.txt")) or not shutil.which("cmake"):
+        pytest.skip("the library does not come from a build tree")
+    prefix = tmp_path / "prefix"
+    subprocess.run(["cmake", "--install", build, "--prefix", str(prefix)], check=True,
+                   capture_output=True, timeout=300)
+    (package,) = prefix.glob("lib/python3*/*-packages/tarn")
+    assert load_path(str(package.parent), env, tmp_path).startswith(str(prefix))
+
+
+def load_path(pythonpath, env, cwd):
+    """The library that `import tarn` loads with that path and environment."""
+    found = subprocess.run([sys.executable, "-c", "import tarn; print(tarn.library_path)"],
+                           env=dict(env, PYTHONPATH=pythonpath), capture_output=True,
+                           text=True, cwd=str(cwd))
+    assert found.returncode == 0, found.stderr
+    return os.path.realpath(found.stdout.strip())
