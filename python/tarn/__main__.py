@@ -13,10 +13,14 @@ import sys
 import numpy as np
 
 from . import _native as N
+from . import j1939 as _j1939
 from .columns import NO_MESSAGE, _TP_FORMATS
 from .database import Database
 from .errors import Error
 from .logs import FORMATS, LogReader
+
+# Groups whose payload is a lamp status and a list of trouble codes.
+_DM_PGNS = {0xFECA, 0xFECB, 0xFECF, 0xFED4, 0xFDB5, 0xFD82, 0xFD80}
 
 EXIT_FAILURE, EXIT_USAGE = 1, 2
 
@@ -67,7 +71,8 @@ class _Decoder:
             N.lib.tarn_j1939_destroy(self.listener)
             self.listener = None
 
-    def line(self, msg, when, iface, frame_id, extended, vals, transfer):
+    def line(self, msg, when, iface, frame_id, extended, vals, transfer, payload=b""):
+        """One output line; `transfer` is a reassembled payload, else None."""
         if self.only and msg.name not in self.only:
             return None
         sigs = msg.signals
@@ -75,8 +80,9 @@ class _Decoder:
             out = {}
             for sig_i, flags, raw, phys, text in vals:
                 s = sigs[sig_i]
-                if flags & N.RAW_FLOAT:
-                    raw = float(np.uint64(raw).view(np.float64))
+                if flags & N.RAW_FLOAT:  # the bit pattern on the wire
+                    if s.length == 32:
+                        raw = int(np.float32(np.uint64(raw).view(np.float64)).view(np.uint32))
                 elif flags & N.RAW_SIGNED and raw >= 1 << 63:
                     raw -= 1 << 64
                 entry = {"value": raw * int(s.scale) + int(s.offset) if s._exact_int
@@ -88,14 +94,22 @@ class _Decoder:
                 out[s.name] = entry
             row = {"t": None if when != when else when, "iface": iface, "id": frame_id,
                    "extended": bool(extended), "name": msg.name}
+            if self.db.is_j1939 and extended:
+                pgn = _j1939.pgn_of(frame_id)
+                row.update(pgn=pgn, sa=frame_id & 0xFF, priority=(frame_id >> 26) & 7)
+                if (pgn >> 8) & 0xFF < 240:
+                    row["da"] = (frame_id >> 8) & 0xFF
             if transfer is not None:
-                row["transfer"] = transfer
+                row.update(transfer=True, size=len(transfer), data=transfer.hex())
             row["signals"] = out
+            if self.db.is_j1939 and extended and _j1939.pgn_of(frame_id) in _DM_PGNS:
+                row["dtcs"] = [{"spn": d.spn, "fmi": d.fmi, "oc": d.occurrences,
+                                "cm": d.conversion} for d in _j1939.parse_dm(payload)]
             return json.dumps(row, ensure_ascii=False)
         parts = ["%.6f" % when if when == when else "-", iface or "-",
                  "%08X" % frame_id if extended else "%03X" % frame_id, msg.name]
         if transfer is not None:
-            parts[-1] += " [transfer %d bytes]" % transfer
+            parts[-1] += " [transfer %d bytes]" % len(transfer)
         for sig_i, flags, raw, phys, text in vals:
             s = sigs[sig_i]
             if s._exact_int:
@@ -136,7 +150,8 @@ class _Decoder:
             if mi != NO_MESSAGE:
                 self.counts["messages"] += 1
                 vals = self.values[first:first + count].tolist()
-                out = self.line(db.messages[mi], t, iface, ident, ext, vals, None)
+                out = self.line(db.messages[mi], t, iface, ident, ext, vals, None,
+                                bytes(data[:length]))
                 if out is not None:
                     yield out
             elif ext and (ident >> 16) & 0xFF in _TP_FORMATS and self.listener:
@@ -166,7 +181,7 @@ class _Decoder:
             m = self.db.messages[self.decoded.message_index]
             # the transfer's identifier: its PGN from the sender of the packets
             frame_id = (ident & 0x1C0000FF) | (pgn << 8)
-            out = self.line(m, t, iface, frame_id, True, vals, len(payload))
+            out = self.line(m, t, iface, frame_id, True, vals, payload, payload)
             if out is not None:
                 yield out
         self.done.clear()

@@ -39,6 +39,12 @@ def test_decode_command_matches_decode_log(db):
             got = {k: v["value"] for k, v in r["signals"].items()}
             assert got == pytest.approx({k: v for k, v in want.items() if not math.isnan(v)})
         assert all(("transfer" in r) == (name == "TripSummary") for r in mine)
+    # The same JSON lines as the command-line tool, when it is built.
+    cli = os.environ.get("TARN_CLI")
+    if cli and os.access(cli, os.X_OK):
+        theirs = subprocess.run([cli, "decode", "--json", DEMO_DBC, DEMO_LOG],
+                                capture_output=True, text=True, timeout=60).stdout
+        assert rows == [json.loads(line) for line in theirs.splitlines()]
 
 
 def test_plot(db, tmp_path):
