@@ -36,14 +36,47 @@ DBCCoder::~DBCCoder() {
     if (m_db) m_db->SetListener(nullptr);
 }
 
+namespace {
+
+DecodePlan MakePlan(Message* msg, uint32_t ordinal) {
+    DecodePlan plan;
+    plan.msg = msg;
+    plan.ordinal = ordinal;
+    plan.readers.reserve(msg->signals.size());
+    for (auto& entry : msg->signals) {
+        const SignalReader r = DBCCoder::ReaderFor(entry.second);
+        size_t reach = r.kind != SignalReader::kGeneral ? r.byte + size_t{8} : 0;
+        // A byte-wise read may reach anywhere, unless it reads nothing at all.
+        if (r.kind == SignalReader::kGeneral && r.sig->length - 1 < 64)
+            reach = DBCCoder::kDecodeBufSize;
+        plan.reach = std::max(plan.reach, reach);
+        plan.readers.push_back(r);
+    }
+    return plan;
+}
+
+}  // namespace
+
 void DBCCoder::SetProtocol(ProtocolType type) {
     std::vector<Message*> msgs;
     if (m_db) m_db->GetAllMessage(msgs);
+    m_plans.clear();
+    m_plans.reserve(msgs.size());
+    for (Message* msg : msgs)
+        m_plans.push_back(MakePlan(msg, static_cast<uint32_t>(m_plans.size())));
     m_byId.clear();
     m_byPgn.clear();
-    for (Message* msg : msgs) {
-        m_byId[msg->id & kIdMask] = msg;
-        m_byPgn[PGN1939(msg->id)] = msg;
+    for (const DecodePlan& plan : m_plans) {
+        m_byId.emplace_back(plan.msg->id & kIdMask, &plan);
+        m_byPgn.emplace_back(PGN1939(plan.msg->id), &plan);
+    }
+    for (Index* index : {&m_byId, &m_byPgn}) {
+        std::stable_sort(index->begin(), index->end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        // Keep the last entry of each key: the later message overwrites.
+        auto last = std::unique(index->rbegin(), index->rend(),
+                                [](const auto& a, const auto& b) { return a.first == b.first; });
+        index->erase(index->begin(), last.base());
     }
     m_protocol = type;
 }
@@ -52,25 +85,51 @@ uint64_t DBCCoder::PGN1939(uint64_t id) const {
     return id <= 0x7FF ? id : j1939::GroupKey(id);
 }
 
+const DecodePlan* DBCCoder::Lookup(const Index& index, uint64_t key) {
+    auto it = std::lower_bound(index.begin(), index.end(), key,
+                               [](const auto& entry, uint64_t k) { return entry.first < k; });
+    return it != index.end() && it->first == key ? it->second : nullptr;
+}
+
+const DecodePlan* DBCCoder::FindPlan(uint32_t id, bool byId) const {
+    if (!byId && m_protocol == TARN_PROTOCOL_J1939) return Lookup(m_byPgn, PGN1939(id));
+    return Lookup(m_byId, id & kIdMask);
+}
+
 Message* DBCCoder::FindMsg(uint32_t id, bool byId) const {
-    bool byPgn = !byId && m_protocol == TARN_PROTOCOL_J1939;
-    const auto& index = byPgn ? m_byPgn : m_byId;
-    auto it = index.find(byPgn ? PGN1939(id) : (id & kIdMask));
-    return it == index.end() ? nullptr : it->second;
+    const DecodePlan* plan = FindPlan(id, byId);
+    return plan ? plan->msg : nullptr;
 }
 
 // Copies the frames' data into buf after checking that every frame of a
 // multi-packet list belongs to the same PGN and carries its sequence number.
-static bool Assemble(const DBCCoder& coder, const std::vector<VCI_CAN_OBJ>& frames, uint8_t* buf) {
-    if (frames.size() == 1) {
+static bool Assemble(const DBCCoder& coder, const VCI_CAN_OBJ* frames, size_t count,
+                     uint32_t idBits, uint8_t* buf) {
+    if (count == 1) {
         std::memcpy(buf, frames[0].data, 8);
         return true;
     }
-    uint64_t pgn = coder.PGN1939(frames[0].id);
-    for (size_t i = 0; i < frames.size(); ++i) {
+    uint64_t pgn = coder.PGN1939(frames[0].id | idBits);
+    for (size_t i = 0; i < count; ++i) {
         const VCI_CAN_OBJ& f = frames[i];
-        if (coder.PGN1939(f.id) != pgn || f.data[0] != i + 1) return false;
+        if (coder.PGN1939(f.id | idBits) != pgn || f.data[0] != i + 1) return false;
         std::memcpy(buf + kPacketBytes * i, f.data + 1, kPacketBytes);
+    }
+    return true;
+}
+
+bool DBCCoder::DecodeRaw(const DecodePlan& plan, const VCI_CAN_OBJ* frames, size_t count,
+                         uint32_t idBits, uint64_t* raws) const {
+    if (!frames || count < PacketsFor(plan.msg->dlc)) return false;
+    // Only the bytes some reader can touch need to read as zero.
+    uint8_t buf[kDecodeBufSize];
+    std::memset(buf, 0, plan.reach);
+    if (!Assemble(*this, frames, count, idBits, buf)) return false;
+    for (size_t k = 0; k < plan.readers.size(); ++k) {
+        const SignalReader& r = plan.readers[k];
+        raws[k] = Read(r, buf);
+        // Decodes on other threads may store at once; each store stays whole.
+        __atomic_store_n(&r.sig->rawZero, raws[k], __ATOMIC_RELAXED);
     }
     return true;
 }
@@ -78,19 +137,13 @@ static bool Assemble(const DBCCoder& coder, const std::vector<VCI_CAN_OBJ>& fram
 bool DBCCoder::Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames,
                       bool byId) const {
     if (!cmd || frames.empty()) return false;
-    Message* msg = FindMsg(frames[0].id, byId);
-    if (!msg || frames.size() < PacketsFor(msg->dlc)) return false;
-    uint8_t buf[kDecodeBufSize];
-    std::memset(buf, 0, sizeof(buf));
-    if (!Assemble(*this, frames, buf)) return false;
+    const DecodePlan* plan = FindPlan(frames[0].id, byId);
+    if (!plan) return false;
+    std::vector<uint64_t> raws(plan->readers.size());
+    if (!DecodeRaw(*plan, frames.data(), frames.size(), 0, raws.data())) return false;
     cmd->Reset();
-    cmd->SetName(msg->name);
-    for (auto& entry : msg->signals) {
-        Signal& sig = entry.second;
-        uint64_t raw = GetRawValue(buf, sig, sizeof(buf));
-        sig.rawZero = raw;
-        AppendValue(cmd, raw, sig);
-    }
+    cmd->SetName(plan->msg->name);
+    for (size_t k = 0; k < raws.size(); ++k) AppendValue(cmd, raws[k], *plan->readers[k].sig);
     return true;
 }
 
