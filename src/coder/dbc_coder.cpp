@@ -134,19 +134,6 @@ bool DBCCoder::DecodeRaw(const DecodePlan& plan, const VCI_CAN_OBJ* frames, size
     return true;
 }
 
-bool DBCCoder::Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames,
-                      bool byId) const {
-    if (!cmd || frames.empty()) return false;
-    const DecodePlan* plan = FindPlan(frames[0].id, byId);
-    if (!plan) return false;
-    std::vector<uint64_t> raws(plan->readers.size());
-    if (!DecodeRaw(*plan, frames.data(), frames.size(), 0, raws.data())) return false;
-    cmd->Reset();
-    cmd->SetName(plan->msg->name);
-    for (size_t k = 0; k < raws.size(); ++k) AppendValue(cmd, raws[k], *plan->readers[k].sig);
-    return true;
-}
-
 std::vector<VCI_CAN_OBJ> DBCCoder::Encode(kq::CommandInfo* cmd) const {
     if (!cmd) return {};
     std::vector<const char*> list;

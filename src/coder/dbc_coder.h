@@ -57,7 +57,6 @@ class DBCCoder {
     // frames came or their packets do not line up.
     bool DecodeRaw(const DecodePlan& plan, const VCI_CAN_OBJ* frames, size_t count, uint32_t idBits,
                    uint64_t* raws) const;
-    bool Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames, bool byId) const;
     std::vector<VCI_CAN_OBJ> Encode(kq::CommandInfo* cmd) const;
     std::vector<VCI_CAN_OBJ> Encode1939(const std::string& name,
                                         const std::vector<const char*>& list) const;
@@ -77,8 +76,6 @@ class DBCCoder {
     static double RawToPhysical(uint64_t raw, const Signal& sig);
     // True when a decoded raw value reads as plain decimal rather than "%lf" text.
     static bool IsPlainInteger(uint64_t raw, const Signal& sig);
-    // Appends (signal name, value text) for one decoded raw value.
-    static bool AppendValue(kq::CommandInfo* cmd, uint64_t raw, const Signal& sig);
     // The reader of a signal for the decode buffer.
     static SignalReader ReaderFor(Signal& sig);
 

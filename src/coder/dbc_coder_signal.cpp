@@ -250,8 +250,3 @@ bool DBCCoder::IsPlainInteger(uint64_t raw, const Signal& sig) {
     return sig.valueType != 1 && sig.valueType != 2 && sig.factor == 1.0 && sig.offset == 0.0 &&
            !NegativeInteger(raw, sig);
 }
-
-bool DBCCoder::AppendValue(kq::CommandInfo* cmd, uint64_t raw, const Signal& sig) {
-    if (IsPlainInteger(raw, sig)) return cmd->AppendU64(sig.name, raw);
-    return cmd->AppendDouble(sig.name, RawToPhysical(raw, sig));
-}
