@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -71,6 +72,15 @@ bool HasValueTables(const Message& msg) {
     for (const auto& entry : msg.signals)
         if (!entry.second.valueDescs.empty()) return true;
     return false;
+}
+
+// Bytes of a slot up to its last nonzero one, at least its numbers (where
+// the raw value goes).
+uint32_t NonzeroLength(const DBCSignal& slot) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&slot);
+    size_t n = sizeof slot;
+    while (n > offsetof(DBCSignal, unit) && bytes[n - 1] == 0) --n;
+    return static_cast<uint32_t>(n);
 }
 
 uint32_t SlotCount(const DBCMessage& msg) {
@@ -159,10 +169,12 @@ RecordPlan::RecordPlan(const Message& msg) : m_msg(&msg) {
     while (used > m_slotCount && memcmp(&scratch->signals[used - 1], &kEmpty, sizeof kEmpty) == 0)
         --used;
     m_slots.assign(scratch->signals, scratch->signals + used);
+    m_length.resize(used);
     m_source.resize(used);
     for (uint32_t q = 0; q < used; ++q) {
         m_source[q] = static_cast<int32_t>(m_slots[q].rawValue) - 1;
         m_slots[q].rawValue = 0;
+        m_length[q] = NonzeroLength(m_slots[q]);
     }
     for (uint32_t q = 0; q < m_slotCount && m_switch < 0; ++q)
         if (m_slots[q].multiplexerType == TARN_MUX_SWITCH) m_switch = static_cast<int32_t>(q);
@@ -215,8 +227,9 @@ uint32_t RecordPlan::Select(const uint64_t* raws, uint8_t* order) const {
     return kept;
 }
 
+// Into a cleared slot: its image up to the last nonzero byte, its raw value.
 void RecordPlan::PutSlot(DBCSignal& dst, uint32_t slot, const uint64_t* raws) const {
-    std::memcpy(&dst, &m_slots[slot], sizeof dst);
+    std::memcpy(&dst, &m_slots[slot], m_length[slot]);
     if (m_source[slot] >= 0) dst.rawValue = raws[m_source[slot]];
 }
 
@@ -253,12 +266,15 @@ void RecordPlan::Write(const uint64_t* raws, uint32_t frameId, bool lookups,
     out.id = frameId & kFrameIdBits;
     out.size = static_cast<uint32_t>(m_msg->dlc);
     if (m_hasCycleTime) out.cycleTime = m_cycleTime;
+    // Clearing the used slots last keeps them cached for their images.
+    const uint32_t used = static_cast<uint32_t>(m_slots.size());
+    std::memset(out.signals + used, 0, (kSlots - used) * sizeof(DBCSignal));
+    std::memset(out.signals, 0, used * sizeof(DBCSignal));
     uint8_t order[kSlots];
     const uint32_t kept = Select(raws, order);
     out.signalCount = m_switch < 0 ? m_count : kept;
     for (uint32_t p = 0; p < kept; ++p) PutSlot(out.signals[p], order[p], raws);
     // Selection leaves the slots behind the kept ones as they were.
-    const uint32_t used = static_cast<uint32_t>(m_slots.size());
     for (uint32_t p = kept; p < used; ++p) PutSlot(out.signals[p], p, raws);
     if (lookups && !m_lookups.empty()) {
         int16_t at[kSlots];  // where each looked-at slot went, -1 when dropped
@@ -270,5 +286,4 @@ void RecordPlan::Write(const uint64_t* raws, uint32_t frameId, bool lookups,
                 strcpy2_s(out.signals[at[l.slot]].valueDescription, kDescBound, desc);
         }
     }
-    std::memset(out.signals + used, 0, (kSlots - used) * sizeof(DBCSignal));
 }

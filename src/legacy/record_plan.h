@@ -52,6 +52,7 @@ class RecordPlan {
     bool m_hasCycleTime = false;
     double m_cycleTime = 0.0;
     std::vector<DBCSignal> m_slots;  // up to the last slot that is not empty
+    std::vector<uint32_t> m_length;  // bytes of each up to its last nonzero one
     std::vector<int32_t> m_source;   // ordinal of each slot's signal, -1 for none
     std::vector<Lookup> m_lookups;   // by slot, then in signal-map order
     std::vector<Key> m_keys;         // per table: ascending, first text of a value
