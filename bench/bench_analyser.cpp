@@ -56,10 +56,10 @@ void BM_CoderDecodeOnly(benchmark::State& state) {
     VCI_CAN_OBJ frame{};
     frame.id = 418;
     frame.dataLen = 8;
-    const DecodePlan* plan = a.Coder().FindPlan(418, false);
-    std::vector<uint64_t> raws(plan->readers.size());
+    const DecodePlan plan = DBCCoder::PlanFor(*a.Coder().FindMsg(418, false));
+    std::vector<uint64_t> raws(plan.readers.size());
     for (auto _ : state) {
-        bool ok = a.Coder().DecodeRaw(*plan, &frame, 1, 0, raws.data());
+        bool ok = a.Coder().DecodeRaw(plan, &frame, 1, 0, raws.data());
         benchmark::DoNotOptimize(ok);
         benchmark::ClobberMemory();
     }

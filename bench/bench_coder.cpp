@@ -124,10 +124,10 @@ void BM_BitWorkLong(benchmark::State& state) {
 
 void Decode(benchmark::State& state, const std::vector<VCI_CAN_OBJ>& frames, int signals) {
     Fixture& fx = Fx();
-    const DecodePlan* plan = fx.coder.FindPlan(frames[0].id, false);
-    std::vector<uint64_t> raws(plan->readers.size());
+    const DecodePlan plan = DBCCoder::PlanFor(*fx.coder.FindMsg(frames[0].id, false));
+    std::vector<uint64_t> raws(plan.readers.size());
     for (auto _ : state) {
-        bool ok = fx.coder.DecodeRaw(*plan, frames.data(), frames.size(), 0, raws.data());
+        bool ok = fx.coder.DecodeRaw(plan, frames.data(), frames.size(), 0, raws.data());
         benchmark::DoNotOptimize(ok);
         benchmark::ClobberMemory();
     }

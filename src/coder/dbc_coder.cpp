@@ -36,47 +36,23 @@ DBCCoder::~DBCCoder() {
     if (m_db) m_db->SetListener(nullptr);
 }
 
-namespace {
-
-DecodePlan MakePlan(Message* msg, uint32_t ordinal) {
-    DecodePlan plan;
-    plan.msg = msg;
-    plan.ordinal = ordinal;
-    plan.readers.reserve(msg->signals.size());
-    for (auto& entry : msg->signals) {
-        const SignalReader r = DBCCoder::ReaderFor(entry.second);
-        size_t reach = r.kind != SignalReader::kGeneral ? r.byte + size_t{8} : 0;
-        // A byte-wise read may reach anywhere, unless it reads nothing at all.
-        if (r.kind == SignalReader::kGeneral && r.sig->length - 1 < 64)
-            reach = DBCCoder::kDecodeBufSize;
-        plan.reach = std::max(plan.reach, reach);
-        plan.readers.push_back(r);
-    }
-    return plan;
-}
-
-}  // namespace
-
 void DBCCoder::SetProtocol(ProtocolType type) {
     std::vector<Message*> msgs;
     if (m_db) m_db->GetAllMessage(msgs);
-    m_plans.clear();
-    m_plans.reserve(msgs.size());
-    for (Message* msg : msgs)
-        m_plans.push_back(MakePlan(msg, static_cast<uint32_t>(m_plans.size())));
+    m_count = msgs.size();
     m_byId.clear();
     m_byPgn.clear();
-    for (const DecodePlan& plan : m_plans) {
-        m_byId.emplace_back(plan.msg->id & kIdMask, &plan);
-        m_byPgn.emplace_back(PGN1939(plan.msg->id), &plan);
+    for (uint32_t i = 0; i < msgs.size(); ++i) {
+        m_byId.push_back({msgs[i]->id & kIdMask, {msgs[i], i}});
+        m_byPgn.push_back({PGN1939(msgs[i]->id), {msgs[i], i}});
     }
+    auto less = [](const auto& a, const auto& b) { return a.first < b.first; };
+    auto same = [](const auto& a, const auto& b) { return a.first == b.first; };
     for (Index* index : {&m_byId, &m_byPgn}) {
-        std::stable_sort(index->begin(), index->end(),
-                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        if (!std::is_sorted(index->begin(), index->end(), less))
+            std::stable_sort(index->begin(), index->end(), less);
         // Keep the last entry of each key: the later message overwrites.
-        auto last = std::unique(index->rbegin(), index->rend(),
-                                [](const auto& a, const auto& b) { return a.first == b.first; });
-        index->erase(index->begin(), last.base());
+        index->erase(index->begin(), std::unique(index->rbegin(), index->rend(), same).base());
     }
     m_protocol = type;
 }
@@ -85,20 +61,35 @@ uint64_t DBCCoder::PGN1939(uint64_t id) const {
     return id <= 0x7FF ? id : j1939::GroupKey(id);
 }
 
-const DecodePlan* DBCCoder::Lookup(const Index& index, uint64_t key) {
+const IndexedMessage* DBCCoder::Lookup(const Index& index, uint64_t key) {
     auto it = std::lower_bound(index.begin(), index.end(), key,
                                [](const auto& entry, uint64_t k) { return entry.first < k; });
-    return it != index.end() && it->first == key ? it->second : nullptr;
+    return it != index.end() && it->first == key ? &it->second : nullptr;
 }
 
-const DecodePlan* DBCCoder::FindPlan(uint32_t id, bool byId) const {
+const IndexedMessage* DBCCoder::Find(uint32_t id, bool byId) const {
     if (!byId && m_protocol == TARN_PROTOCOL_J1939) return Lookup(m_byPgn, PGN1939(id));
     return Lookup(m_byId, id & kIdMask);
 }
 
 Message* DBCCoder::FindMsg(uint32_t id, bool byId) const {
-    const DecodePlan* plan = FindPlan(id, byId);
-    return plan ? plan->msg : nullptr;
+    const IndexedMessage* found = Find(id, byId);
+    return found ? found->msg : nullptr;
+}
+
+DecodePlan DBCCoder::PlanFor(Message& msg) {
+    DecodePlan plan;
+    plan.msg = &msg;
+    plan.readers.reserve(msg.signals.size());
+    for (auto& entry : msg.signals) {
+        const SignalReader r = ReaderFor(entry.second);
+        size_t reach = r.kind != SignalReader::kGeneral ? r.byte + size_t{8} : 0;
+        // A byte-wise read may reach anywhere, unless it reads nothing at all.
+        if (r.kind == SignalReader::kGeneral && r.sig->length - 1 < 64) reach = kDecodeBufSize;
+        plan.reach = std::max(plan.reach, reach);
+        plan.readers.push_back(r);
+    }
+    return plan;
 }
 
 // Copies the frames' data into buf after checking that every frame of a

@@ -12,9 +12,8 @@
 #include "dbc/dbc.h"
 #include "tarn.h"
 
-// How the decoder reads one signal, worked out when the indexes are built:
-// most signals take one unaligned 8-byte load, a shift and a mask; the rest
-// go through GetRawValue.
+// How the decoder reads one signal: most signals take one unaligned 8-byte
+// load, a shift and a mask; the rest go through GetRawValue.
 struct SignalReader {
     enum Kind : uint8_t { kIntel, kMotorola, kGeneral };
     Signal* sig = nullptr;
@@ -24,12 +23,19 @@ struct SignalReader {
     Kind kind = kGeneral;
 };
 
-// The readers of one message's signals, in the order of its signal map.
+// How the decoder reads one message: a reader per signal, in the order of
+// its signal map, and how many payload bytes they can touch.
 struct DecodePlan {
     Message* msg = nullptr;
-    uint32_t ordinal = 0;  // position in the database's message order
-    size_t reach = 0;      // payload bytes the readers can touch
+    size_t reach = 0;
     std::vector<SignalReader> readers;
+};
+
+// A message as the indexes find it, with its position in the database's
+// order, under which callers can keep state per message.
+struct IndexedMessage {
+    Message* msg;
+    uint32_t ordinal;
 };
 
 class DBCCoder {
@@ -42,16 +48,17 @@ class DBCCoder {
     DBCCoder(const DBCCoder&) = delete;
     DBCCoder& operator=(const DBCCoder&) = delete;
 
-    // Rebuilds the decode plans and both indexes from the database, then
-    // stores the protocol.
+    // Rebuilds both indexes from the database, then stores the protocol.
     void SetProtocol(ProtocolType type);
     ProtocolType GetProtocol() const { return m_protocol; }
     uint64_t PGN1939(uint64_t id) const;
     Message* FindMsg(uint32_t id, bool byId) const;
-    const DecodePlan* FindPlan(uint32_t id, bool byId) const;
-    size_t PlanCount() const { return m_plans.size(); }
+    const IndexedMessage* Find(uint32_t id, bool byId) const;
+    // The database's messages when the indexes were built.
+    size_t MessageCount() const { return m_count; }
 
-    // Decodes the frames of plan's message into raws (one per reader) and
+    static DecodePlan PlanFor(Message& msg);
+    // Decodes the frames of the plan's message into raws (one per reader) and
     // leaves each as its signal's last raw value in the model. `idBits` is
     // or-ed into every frame identifier (bit 31: extended). False when too few
     // frames came or their packets do not line up.
@@ -76,19 +83,18 @@ class DBCCoder {
     static double RawToPhysical(uint64_t raw, const Signal& sig);
     // True when a decoded raw value reads as plain decimal rather than "%lf" text.
     static bool IsPlainInteger(uint64_t raw, const Signal& sig);
-    // The reader of a signal for the decode buffer.
-    static SignalReader ReaderFor(Signal& sig);
 
   private:
     // Sorted by key; of two messages with one key the later in database order.
-    using Index = std::vector<std::pair<uint64_t, const DecodePlan*>>;
+    using Index = std::vector<std::pair<uint64_t, IndexedMessage>>;
 
+    static SignalReader ReaderFor(Signal& sig);
     uint64_t Read(const SignalReader& r, const uint8_t* payload) const;
-    static const DecodePlan* Lookup(const Index& index, uint64_t key);
+    static const IndexedMessage* Lookup(const Index& index, uint64_t key);
 
     DBC* m_db;
     ProtocolType m_protocol = TARN_PROTOCOL_OTHER;
-    std::vector<DecodePlan> m_plans;
+    size_t m_count = 0;
     Index m_byId;
     Index m_byPgn;
 };

@@ -14,7 +14,7 @@
 #include "dbc/dbc.h"
 #include "tarn.h"
 
-class RecordPlan;
+struct MessagePlans;
 
 class CAnalyser {
   public:
@@ -56,19 +56,19 @@ class CAnalyser {
     const Signal* FindValueTable(uint32_t id, const char* signal) const;
     // Logs "CAnalyser::<what>--ID:0x%08x" at level 3 under this source's name.
     static void LogFailure(const char* what, uint32_t id);
-    // The record plan of a decode plan's message, built on its first decode;
-    // safe to call from several threads at once.
-    const RecordPlan& PlanFor(const DecodePlan& plan);
-    // Drops the record plans; called whenever the coder rebuilds its plans.
+    // The plans of a message, built on its first decode; safe to call from
+    // several threads at once.
+    const MessagePlans& PlansFor(const IndexedMessage& msg);
+    // Drops the plans; called whenever the coder rebuilds its indexes.
     void ResetPlans();
 
     DBCEx m_db;
     DBCCoder m_coder;
     std::vector<NetworkNode*> m_nodes;
-    // Record plans by the message's position in the database order.
-    std::unique_ptr<std::atomic<const RecordPlan*>[]> m_plans;
+    // Plans by the message's position in the database order.
+    std::unique_ptr<std::atomic<const MessagePlans*>[]> m_plans;
     size_t m_planCount = 0;
-    std::vector<std::unique_ptr<RecordPlan>> m_planStore;
+    std::vector<std::unique_ptr<MessagePlans>> m_planStore;
     std::mutex m_planMutex;
 };
 

@@ -85,18 +85,18 @@ bool IsSelected(const DBCSignal& sig, uint32_t switchValue) {
 void CAnalyser::ResetPlans() {
     std::lock_guard<std::mutex> lock(m_planMutex);
     m_planStore.clear();
-    m_planCount = m_coder.PlanCount();
-    m_plans.reset(new std::atomic<const RecordPlan*>[m_planCount]);
+    m_planCount = m_coder.MessageCount();
+    m_plans.reset(new std::atomic<const MessagePlans*>[m_planCount]);
     for (size_t i = 0; i < m_planCount; ++i) m_plans[i].store(nullptr, std::memory_order_relaxed);
 }
 
-const RecordPlan& CAnalyser::PlanFor(const DecodePlan& plan) {
-    if (plan.ordinal >= m_planCount) throw std::out_of_range("coder rebuilt behind the analyser");
-    std::atomic<const RecordPlan*>& slot = m_plans[plan.ordinal];
-    if (const RecordPlan* built = slot.load(std::memory_order_acquire)) return *built;
+const MessagePlans& CAnalyser::PlansFor(const IndexedMessage& msg) {
+    if (msg.ordinal >= m_planCount) throw std::out_of_range("coder rebuilt behind the analyser");
+    std::atomic<const MessagePlans*>& slot = m_plans[msg.ordinal];
+    if (const MessagePlans* built = slot.load(std::memory_order_acquire)) return *built;
     std::lock_guard<std::mutex> lock(m_planMutex);
-    if (const RecordPlan* built = slot.load(std::memory_order_relaxed)) return *built;
-    m_planStore.push_back(std::make_unique<RecordPlan>(*plan.msg));
+    if (const MessagePlans* built = slot.load(std::memory_order_relaxed)) return *built;
+    m_planStore.push_back(std::make_unique<MessagePlans>(*msg.msg));
     slot.store(m_planStore.back().get(), std::memory_order_release);
     return *m_planStore.back();
 }
@@ -107,16 +107,17 @@ bool CAnalyser::Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count,
         // One message's frames share one identifier kind: the first decides.
         const uint32_t idBits = frames[0].externFlag ? kExtendedBit : 0u;
         const uint32_t id = frames[0].id | idBits;
-        const DecodePlan* decoded = m_coder.FindPlan(id, flag);
+        const IndexedMessage* decoded = m_coder.Find(id, flag);
         if (!decoded) return false;
-        RawValues raws(decoded->readers.size());
-        if (!m_coder.DecodeRaw(*decoded, frames, count, idBits, raws.data())) return false;
+        const MessagePlans& plans = PlansFor(*decoded);
+        RawValues raws(plans.decode.readers.size());
+        if (!m_coder.DecodeRaw(plans.decode, frames, count, idBits, raws.data())) return false;
         // The record shows the message a group lookup finds: under J1939 an
         // identifier lookup may have decoded another message of the group.
-        const DecodePlan* shown = flag ? m_coder.FindPlan(id, false) : decoded;
+        const IndexedMessage* shown = flag ? m_coder.Find(id, false) : decoded;
         if (!shown) return false;
-        const RecordPlan& plan = PlanFor(*shown);
-        const bool same = shown == decoded;
+        const bool same = shown->msg == decoded->msg;
+        const RecordPlan& plan = same ? plans.record : PlansFor(*shown).record;
         const std::vector<uint64_t> held = same ? std::vector<uint64_t>() : HeldRaws(*shown->msg);
         const bool lookups = same && plan.Direct();
         plan.Write(same ? raws.data() : held.data(), frames[0].id, lookups, *out);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "coder/dbc_coder.h"
 #include "dbc/dbc.h"
 #include "tarn.h"
 
@@ -56,6 +57,13 @@ class RecordPlan {
     std::vector<int32_t> m_source;   // ordinal of each slot's signal, -1 for none
     std::vector<Lookup> m_lookups;   // by slot, then in signal-map order
     std::vector<Key> m_keys;         // per table: ascending, first text of a value
+};
+
+// What the analyser keeps per message, built on the message's first decode.
+struct MessagePlans {
+    explicit MessagePlans(Message& msg) : decode(DBCCoder::PlanFor(msg)), record(msg) {}
+    DecodePlan decode;
+    RecordPlan record;
 };
 
 // The number a value table is matched with: the decoded value as the text

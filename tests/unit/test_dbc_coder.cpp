@@ -89,12 +89,13 @@ class CoderTest : public ::testing::Test {
 
     Decoded Decode(const Frames& frames, bool byId) {
         Decoded d;
-        const DecodePlan* plan = frames.empty() ? nullptr : coder.FindPlan(frames[0].id, byId);
-        std::vector<uint64_t> raws(plan ? plan->readers.size() : 0);
-        if (!plan || !coder.DecodeRaw(*plan, frames.data(), frames.size(), 0, raws.data()))
-            return d;
-        d.name = plan->msg->name;
-        for (size_t k = 0; k < raws.size(); ++k) d.raws[plan->readers[k].sig->name] = raws[k];
+        Message* msg = frames.empty() ? nullptr : coder.FindMsg(frames[0].id, byId);
+        if (!msg) return d;
+        const DecodePlan plan = DBCCoder::PlanFor(*msg);
+        std::vector<uint64_t> raws(plan.readers.size());
+        if (!coder.DecodeRaw(plan, frames.data(), frames.size(), 0, raws.data())) return d;
+        d.name = msg->name;
+        for (size_t k = 0; k < raws.size(); ++k) d.raws[plan.readers[k].sig->name] = raws[k];
         return d;
     }
 
@@ -261,9 +262,9 @@ TEST(DBCCoderCorpus, EverySignalOfARealJ1939DatabaseRoundTrips) {
     std::vector<uint64_t> raws;
     size_t checked = 0;
     for (Message* m : msgs) {
-        const DecodePlan* plan = coder.FindPlan(static_cast<uint32_t>(m->id), false);
-        if (plan->msg != m) continue;  // PGN shadowed
-        raws.resize(plan->readers.size());
+        if (coder.FindMsg(static_cast<uint32_t>(m->id), false) != m) continue;  // PGN shadowed
+        const DecodePlan plan = DBCCoder::PlanFor(*m);
+        raws.resize(plan.readers.size());
         for (auto& entry : m->signals) {
             Signal& sig = entry.second;
             const std::vector<uint64_t> bits =
@@ -278,7 +279,7 @@ TEST(DBCCoderCorpus, EverySignalOfARealJ1939DatabaseRoundTrips) {
             rec->AppendU64(sig.name, raw);
             const Frames frames = coder.Encode(rec);
             ASSERT_FALSE(frames.empty()) << m->name << "." << sig.name;
-            ASSERT_TRUE(coder.DecodeRaw(*plan, frames.data(), frames.size(), 0, raws.data()))
+            ASSERT_TRUE(coder.DecodeRaw(plan, frames.data(), frames.size(), 0, raws.data()))
                 << m->name;
             ASSERT_EQ(raw, sig.rawZero) << m->name << "." << sig.name;
             ++checked;
