@@ -260,30 +260,43 @@ const char* RecordPlan::Find(const Lookup& l, uint64_t raw) const {
 
 void RecordPlan::Write(const uint64_t* raws, uint32_t frameId, bool lookups,
                        DBCMessage& out) const {
+    WriteHeader(frameId, out);
+    uint8_t order[kSlots];
+    const uint32_t kept = Select(raws, order);
+    out.signalCount = m_switch < 0 ? m_count : kept;
+    WriteSlots(raws, order, kept, out);
+    if (lookups) WriteTexts(raws, order, kept, out);
+}
+
+void RecordPlan::WriteHeader(uint32_t frameId, DBCMessage& out) const {
     strcpy2_s(out.name, kNameBound, m_msg->name ? m_msg->name : "");
     strcpy2_s(out.comment, kCommentBound, m_msg->comment.c_str());
     out.extended = (m_msg->id & kExtendedBit) ? 1 : 0;
     out.id = frameId & kFrameIdBits;
     out.size = static_cast<uint32_t>(m_msg->dlc);
     if (m_hasCycleTime) out.cycleTime = m_cycleTime;
+}
+
+void RecordPlan::WriteSlots(const uint64_t* raws, const uint8_t* order, uint32_t kept,
+                            DBCMessage& out) const {
     // Clearing the used slots last keeps them cached for their images.
     const uint32_t used = static_cast<uint32_t>(m_slots.size());
     std::memset(out.signals + used, 0, (kSlots - used) * sizeof(DBCSignal));
     std::memset(out.signals, 0, used * sizeof(DBCSignal));
-    uint8_t order[kSlots];
-    const uint32_t kept = Select(raws, order);
-    out.signalCount = m_switch < 0 ? m_count : kept;
     for (uint32_t p = 0; p < kept; ++p) PutSlot(out.signals[p], order[p], raws);
     // Selection leaves the slots behind the kept ones as they were.
     for (uint32_t p = kept; p < used; ++p) PutSlot(out.signals[p], p, raws);
-    if (lookups && !m_lookups.empty()) {
-        int16_t at[kSlots];  // where each looked-at slot went, -1 when dropped
-        std::fill(at, at + m_slotCount, int16_t{-1});
-        for (uint32_t p = 0; p < kept; ++p) at[order[p]] = static_cast<int16_t>(p);
-        for (const Lookup& l : m_lookups) {
-            if (at[l.slot] < 0) continue;
-            if (const char* desc = Find(l, raws[l.ordinal]))
-                strcpy2_s(out.signals[at[l.slot]].valueDescription, kDescBound, desc);
-        }
+}
+
+void RecordPlan::WriteTexts(const uint64_t* raws, const uint8_t* order, uint32_t kept,
+                            DBCMessage& out) const {
+    if (m_lookups.empty()) return;
+    int16_t at[kSlots];  // where each looked-at slot went, -1 when dropped
+    std::fill(at, at + m_slotCount, int16_t{-1});
+    for (uint32_t p = 0; p < kept; ++p) at[order[p]] = static_cast<int16_t>(p);
+    for (const Lookup& l : m_lookups) {
+        if (at[l.slot] < 0) continue;
+        if (const char* desc = Find(l, raws[l.ordinal]))
+            strcpy2_s(out.signals[at[l.slot]].valueDescription, kDescBound, desc);
     }
 }

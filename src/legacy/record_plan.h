@@ -42,6 +42,11 @@ class RecordPlan {
 
     void AddLookups(const Signal& sig, uint32_t ordinal);
     uint32_t Select(const uint64_t* raws, uint8_t* order) const;
+    void WriteHeader(uint32_t frameId, DBCMessage& out) const;
+    void WriteSlots(const uint64_t* raws, const uint8_t* order, uint32_t kept,
+                    DBCMessage& out) const;
+    void WriteTexts(const uint64_t* raws, const uint8_t* order, uint32_t kept,
+                    DBCMessage& out) const;
     void PutSlot(DBCSignal& dst, uint32_t slot, const uint64_t* raws) const;
     const char* Find(const Lookup& l, uint64_t raw) const;
 
