@@ -39,11 +39,20 @@ DBCCoder::~DBCCoder() {
 void DBCCoder::SetProtocol(ProtocolType type) {
     std::vector<Message*> msgs;
     if (m_db) m_db->GetAllMessage(msgs);
+    m_count = msgs.size();
     m_byId.clear();
     m_byPgn.clear();
-    for (Message* msg : msgs) {
-        m_byId[msg->id & kIdMask] = msg;
-        m_byPgn[PGN1939(msg->id)] = msg;
+    for (uint32_t i = 0; i < msgs.size(); ++i) {
+        m_byId.push_back({msgs[i]->id & kIdMask, {msgs[i], i}});
+        m_byPgn.push_back({PGN1939(msgs[i]->id), {msgs[i], i}});
+    }
+    auto less = [](const auto& a, const auto& b) { return a.first < b.first; };
+    auto same = [](const auto& a, const auto& b) { return a.first == b.first; };
+    for (Index* index : {&m_byId, &m_byPgn}) {
+        if (!std::is_sorted(index->begin(), index->end(), less))
+            std::stable_sort(index->begin(), index->end(), less);
+        // Keep the last entry of each key: the later message overwrites.
+        index->erase(index->begin(), std::unique(index->rbegin(), index->rend(), same).base());
     }
     m_protocol = type;
 }
@@ -52,44 +61,66 @@ uint64_t DBCCoder::PGN1939(uint64_t id) const {
     return id <= 0x7FF ? id : j1939::GroupKey(id);
 }
 
+const IndexedMessage* DBCCoder::Lookup(const Index& index, uint64_t key) {
+    auto it = std::lower_bound(index.begin(), index.end(), key,
+                               [](const auto& entry, uint64_t k) { return entry.first < k; });
+    return it != index.end() && it->first == key ? &it->second : nullptr;
+}
+
+const IndexedMessage* DBCCoder::Find(uint32_t id, bool byId) const {
+    if (!byId && m_protocol == TARN_PROTOCOL_J1939) return Lookup(m_byPgn, PGN1939(id));
+    return Lookup(m_byId, id & kIdMask);
+}
+
 Message* DBCCoder::FindMsg(uint32_t id, bool byId) const {
-    bool byPgn = !byId && m_protocol == TARN_PROTOCOL_J1939;
-    const auto& index = byPgn ? m_byPgn : m_byId;
-    auto it = index.find(byPgn ? PGN1939(id) : (id & kIdMask));
-    return it == index.end() ? nullptr : it->second;
+    const IndexedMessage* found = Find(id, byId);
+    return found ? found->msg : nullptr;
+}
+
+DecodePlan DBCCoder::PlanFor(Message& msg) {
+    DecodePlan plan;
+    plan.msg = &msg;
+    plan.readers.reserve(msg.signals.size());
+    for (auto& entry : msg.signals) {
+        const SignalReader r = ReaderFor(entry.second);
+        size_t reach = r.kind != SignalReader::kGeneral ? r.byte + size_t{8} : 0;
+        // A byte-wise read may reach anywhere, unless it reads nothing at all.
+        if (r.kind == SignalReader::kGeneral && r.sig->length - 1 < 64) reach = kDecodeBufSize;
+        plan.reach = std::max(plan.reach, reach);
+        plan.readers.push_back(r);
+    }
+    return plan;
 }
 
 // Copies the frames' data into buf after checking that every frame of a
 // multi-packet list belongs to the same PGN and carries its sequence number.
-static bool Assemble(const DBCCoder& coder, const std::vector<VCI_CAN_OBJ>& frames, uint8_t* buf) {
-    if (frames.size() == 1) {
+static bool Assemble(const DBCCoder& coder, const VCI_CAN_OBJ* frames, size_t count,
+                     uint32_t idBits, uint8_t* buf) {
+    if (count == 1) {
         std::memcpy(buf, frames[0].data, 8);
         return true;
     }
-    uint64_t pgn = coder.PGN1939(frames[0].id);
-    for (size_t i = 0; i < frames.size(); ++i) {
+    uint64_t pgn = coder.PGN1939(frames[0].id | idBits);
+    for (size_t i = 0; i < count; ++i) {
         const VCI_CAN_OBJ& f = frames[i];
-        if (coder.PGN1939(f.id) != pgn || f.data[0] != i + 1) return false;
+        if (coder.PGN1939(f.id | idBits) != pgn || f.data[0] != i + 1) return false;
         std::memcpy(buf + kPacketBytes * i, f.data + 1, kPacketBytes);
     }
     return true;
 }
 
-bool DBCCoder::Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames,
-                      bool byId) const {
-    if (!cmd || frames.empty()) return false;
-    Message* msg = FindMsg(frames[0].id, byId);
-    if (!msg || frames.size() < PacketsFor(msg->dlc)) return false;
+bool DBCCoder::DecodeRaw(const DecodePlan& plan, const VCI_CAN_OBJ* frames, size_t count,
+                         uint32_t idBits, uint64_t* raws) const {
+    if (!frames || count < PacketsFor(plan.msg->dlc)) return false;
+    // Only the bytes some reader can touch need to read as zero.
     uint8_t buf[kDecodeBufSize];
-    std::memset(buf, 0, sizeof(buf));
-    if (!Assemble(*this, frames, buf)) return false;
-    cmd->Reset();
-    cmd->SetName(msg->name);
-    for (auto& entry : msg->signals) {
-        Signal& sig = entry.second;
-        uint64_t raw = GetRawValue(buf, sig, sizeof(buf));
-        sig.rawZero = raw;
-        AppendValue(cmd, raw, sig);
+    std::memset(buf, 0, plan.reach);
+    if (!Assemble(*this, frames, count, idBits, buf)) return false;
+    for (size_t k = 0; k < plan.readers.size(); ++k) {
+        const SignalReader& r = plan.readers[k];
+        raws[k] = Read(r, buf);
+        // Decodes on other threads may store at once; each store stays whole.
+        __atomic_store_n(&r.sig->rawZero, raws[k], __ATOMIC_RELAXED);
     }
     return true;
 }

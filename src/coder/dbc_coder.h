@@ -1,16 +1,42 @@
 // Message coder: finds messages by identifier or J1939 PGN key, decodes frames
-// into named values and encodes named raw values into frames.
+// into raw signal values and encodes named raw values into frames.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/command_info.h"
 #include "dbc/dbc.h"
 #include "tarn.h"
+
+// How the decoder reads one signal: most signals take one unaligned 8-byte
+// load, a shift and a mask; the rest go through GetRawValue.
+struct SignalReader {
+    enum Kind : uint8_t { kIntel, kMotorola, kGeneral };
+    Signal* sig = nullptr;
+    uint64_t mask = 0;
+    uint32_t byte = 0;  // first byte of the load
+    uint8_t shift = 0;
+    Kind kind = kGeneral;
+};
+
+// How the decoder reads one message: a reader per signal, in the order of
+// its signal map, and how many payload bytes they can touch.
+struct DecodePlan {
+    Message* msg = nullptr;
+    size_t reach = 0;
+    std::vector<SignalReader> readers;
+};
+
+// A message as the indexes find it, with its position in the database's
+// order, under which callers can keep state per message.
+struct IndexedMessage {
+    Message* msg;
+    uint32_t ordinal;
+};
 
 class DBCCoder {
   public:
@@ -27,8 +53,17 @@ class DBCCoder {
     ProtocolType GetProtocol() const { return m_protocol; }
     uint64_t PGN1939(uint64_t id) const;
     Message* FindMsg(uint32_t id, bool byId) const;
+    const IndexedMessage* Find(uint32_t id, bool byId) const;
+    // The database's messages when the indexes were built.
+    size_t MessageCount() const { return m_count; }
 
-    bool Decode(kq::CommandInfo* cmd, const std::vector<VCI_CAN_OBJ>& frames, bool byId) const;
+    static DecodePlan PlanFor(Message& msg);
+    // Decodes the frames of the plan's message into raws (one per reader) and
+    // leaves each as its signal's last raw value in the model. `idBits` is
+    // or-ed into every frame identifier (bit 31: extended). False when too few
+    // frames came or their packets do not line up.
+    bool DecodeRaw(const DecodePlan& plan, const VCI_CAN_OBJ* frames, size_t count, uint32_t idBits,
+                   uint64_t* raws) const;
     std::vector<VCI_CAN_OBJ> Encode(kq::CommandInfo* cmd) const;
     std::vector<VCI_CAN_OBJ> Encode1939(const std::string& name,
                                         const std::vector<const char*>& list) const;
@@ -46,14 +81,20 @@ class DBCCoder {
 
     // Raw-to-physical rule of the decoder.
     static double RawToPhysical(uint64_t raw, const Signal& sig);
-    // True when the decoder reports raw as plain decimal rather than "%lf" text.
+    // True when a decoded raw value reads as plain decimal rather than "%lf" text.
     static bool IsPlainInteger(uint64_t raw, const Signal& sig);
-    // Appends (signal name, value text) for one decoded raw value.
-    static bool AppendValue(kq::CommandInfo* cmd, uint64_t raw, const Signal& sig);
 
   private:
+    // Sorted by key; of two messages with one key the later in database order.
+    using Index = std::vector<std::pair<uint64_t, IndexedMessage>>;
+
+    static SignalReader ReaderFor(Signal& sig);
+    uint64_t Read(const SignalReader& r, const uint8_t* payload) const;
+    static const IndexedMessage* Lookup(const Index& index, uint64_t key);
+
     DBC* m_db;
     ProtocolType m_protocol = TARN_PROTOCOL_OTHER;
-    std::map<uint64_t, Message*> m_byId;
-    std::map<uint64_t, Message*> m_byPgn;
+    size_t m_count = 0;
+    Index m_byId;
+    Index m_byPgn;
 };

@@ -120,38 +120,59 @@ uint64_t LowMask64(uint32_t bits) {
 // One 8-byte load for signals that lie within 8 bytes of their first byte
 // and that the byte-wise rule extracts exactly (no partial last byte going
 // through the 32-bit shift). False leaves the signal to the byte-wise rule.
-bool WordExtract(const uint8_t* payload, const Signal& sig, size_t size, uint64_t& raw) {
+bool WordReader(const Signal& sig, size_t size, SignalReader& r) {
     const uint32_t len = sig.length;
     const uint64_t byte = sig.startBit / 8;
     const uint32_t bit = sig.startBit % 8;
-    if (size < 8 || byte > size - 8) return false;
+    if (len == 0 || len > 64 || size < 8 || byte > size - 8) return false;
+    r.byte = static_cast<uint32_t>(byte);
+    r.mask = LowMask64(len);
     if (!sig.bigEndian) {
         uint32_t end = bit + len;  // one past the most significant bit, from the first byte
         if (end > 64 || (len >= 32 && end > 8 && end % 8 != 0)) return false;
-        raw = (LoadLe64(payload + byte) >> bit) & LowMask64(len);
+        r.shift = static_cast<uint8_t>(bit);
+        r.kind = SignalReader::kIntel;
         return true;
     }
     // Motorola: the start byte holds the most significant bits (bit .. 0).
     if (len > 57 + bit || (len >= 32 && len > bit + 1 && bit != 7)) return false;
-    uint64_t w = __builtin_bswap64(LoadLe64(payload + byte));
-    raw = (w >> (57 + bit - len)) & LowMask64(len);
+    r.shift = static_cast<uint8_t>(57 + bit - len);
+    r.kind = SignalReader::kMotorola;
     return true;
 }
 
+uint64_t ReadWord(const SignalReader& r, const uint8_t* payload) {
+    uint64_t w = LoadLe64(payload + r.byte);
+    if (r.kind == SignalReader::kMotorola) w = __builtin_bswap64(w);
+    return (w >> r.shift) & r.mask;
+}
+
 }  // namespace
+
+SignalReader DBCCoder::ReaderFor(Signal& sig) {
+    SignalReader r;
+    r.sig = &sig;
+    if (!WordReader(sig, kDecodeBufSize, r)) r.kind = SignalReader::kGeneral;
+    return r;
+}
+
+uint64_t DBCCoder::Read(const SignalReader& r, const uint8_t* payload) const {
+    if (r.kind == SignalReader::kGeneral) return GetRawValue(payload, *r.sig, kDecodeBufSize);
+    return ReadWord(r, payload);
+}
 
 uint64_t DBCCoder::GetRawValue(const uint8_t* payload, const Signal& sig, size_t size) const {
     if (sig.length > 64) {
         KQ_LOG(kq::LOG_ERROR, "%s\n", kTooLong);
         return 0;
     }
-    uint64_t raw = 0;
     if (sig.length == 0 || !payload) return 0;
-    if (WordExtract(payload, sig, size, raw)) return raw;
+    SignalReader word;
+    if (WordReader(sig, size, word)) return ReadWord(word, payload);
     Placement pl;
     if (!Locate(sig, size, pl)) return 0;
     const uint8_t* b = payload + pl.lsbByte;
-    raw = (*b >> pl.lsbBit) & LowMask(pl.first);
+    uint64_t raw = (*b >> pl.lsbBit) & LowMask(pl.first);
     uint32_t shift = pl.first;
     for (uint32_t k = 0; k < pl.whole; ++k, shift += 8) {
         b += pl.dir;
@@ -228,9 +249,4 @@ double DBCCoder::RawToPhysical(uint64_t raw, const Signal& sig) {
 bool DBCCoder::IsPlainInteger(uint64_t raw, const Signal& sig) {
     return sig.valueType != 1 && sig.valueType != 2 && sig.factor == 1.0 && sig.offset == 0.0 &&
            !NegativeInteger(raw, sig);
-}
-
-bool DBCCoder::AppendValue(kq::CommandInfo* cmd, uint64_t raw, const Signal& sig) {
-    if (IsPlainInteger(raw, sig)) return cmd->AppendU64(sig.name, raw);
-    return cmd->AppendDouble(sig.name, RawToPhysical(raw, sig));
 }

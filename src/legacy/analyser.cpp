@@ -13,6 +13,7 @@
 
 #include "common/func.h"
 #include "common/log.h"
+#include "legacy/record_plan.h"
 
 namespace {
 
@@ -57,7 +58,8 @@ void FillSignal(const Signal& sig, DBCSignal& out) {
     out.isSigned = sig.isSigned ? 1 : 0;
     out.byteOrder = sig.bigEndian ? 0 : 1;
     out.valueType = sig.valueType;
-    out.rawValue = sig.rawZero;
+    // Decodes on other threads may store it meanwhile; each load stays whole.
+    out.rawValue = __atomic_load_n(&sig.rawZero, __ATOMIC_RELAXED);
     // The slot was zeroed: empty texts need no copy.
     strcpy2_s(out.name, kNameBound, OrEmpty(sig.name));
     if (!sig.comment.empty()) strcpy2_s(out.comment, kCommentBound, sig.comment.c_str());
@@ -65,12 +67,16 @@ void FillSignal(const Signal& sig, DBCSignal& out) {
     FillMultiplexing(sig.multiplexer, out);
 }
 
-void FillSignals(const Message& msg, DBCMessage& out) {
-    uint32_t filled = 0;
+// With `tagged`, each filled slot's rawValue is its signal's position in the
+// signal map plus one instead.
+void FillSignals(const Message& msg, DBCMessage& out, bool tagged) {
+    uint32_t filled = 0, ordinal = 0;
     for (const auto& entry : msg.signals) {
         const Signal& sig = entry.second;
+        ++ordinal;
         if (sig.index >= TARN_MAX_SIGNALS) continue;
         FillSignal(sig, out.signals[sig.index]);
+        if (tagged) out.signals[sig.index].rawValue = ordinal;
         ++filled;
     }
     out.signalCount = filled;
@@ -115,6 +121,7 @@ bool CAnalyser::Load(const FileInfo* info) {
     std::string path(info->path, strnlen(info->path, TARN_PATH_LEN));
     bool ok = m_db.Load(path, info->merge != 0);
     m_coder.SetProtocol(static_cast<ProtocolType>(m_db.GetProtocol()));
+    ResetPlans();
     m_nodes.clear();
     m_db.GetAllNetworkNode(m_nodes);
     return ok;
@@ -130,26 +137,37 @@ void CAnalyser::TranslateMsg(const Message& msg, DBCMessage& out) {
         out.size = static_cast<uint32_t>(msg.dlc);
         out.signalCount = static_cast<uint32_t>(msg.signals.size());
         CollectAttr(out, msg);
-        FillSignals(msg, out);
+        FillSignals(msg, out, false);
         SortMessageSignals(out);
     } catch (...) {
         LogFailure("TranslateMsg", static_cast<uint32_t>(msg.id));
     }
 }
 
-void CAnalyser::CollectAttr(DBCMessage& out, const Message& msg) {
+void TranslateTaggedSlots(const Message& msg, DBCMessage& out) {
+    FillSignals(msg, out, true);
+    SortMessageSignals(out);
+}
+
+bool CycleTimeOf(const Message& msg, double& cycleTime) {
     for (const Attr& attr : msg.attrs) {
         if (!attr.objType || strcmp(attr.objType, "BO_") != 0) continue;
         if (!IsNamed(attr, "GenMsgCycleTime") || !attr.desc) continue;
         if (attr.desc->type == ATTR_INT) {
-            out.cycleTime = attr.value.ival;
-            return;
+            cycleTime = attr.value.ival;
+            return true;
         }
         if (attr.desc->type == ATTR_FLOAT) {
-            out.cycleTime = attr.value.fval;
-            return;
+            cycleTime = attr.value.fval;
+            return true;
         }
     }
+    return false;
+}
+
+void CAnalyser::CollectAttr(DBCMessage& out, const Message& msg) {
+    double cycleTime;
+    if (CycleTimeOf(msg, cycleTime)) out.cycleTime = cycleTime;
 }
 
 bool CAnalyser::GetFirstMessage(DBCMessage* out) {
@@ -250,6 +268,7 @@ void CAnalyser::GetValDescPair(uint32_t id, const char* signal, ValDescPair* pai
 
 void CAnalyser::SetProtocol(ProtocolType protocol) {
     m_coder.SetProtocol(protocol);
+    ResetPlans();
 }
 
 ProtocolType CAnalyser::GetProtocol() {

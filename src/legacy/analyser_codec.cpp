@@ -1,152 +1,58 @@
 // Frame decoding into public records, encoding of public records into
 // frames, and selection of the signals a multiplexer switch value keeps.
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <map>
+#include <stdexcept>
 #include <string>
 
-#include "legacy/analyser.h"
 #include "common/command_info.h"
-#include "common/func.h"
+#include "legacy/analyser.h"
+#include "legacy/record_plan.h"
 
 namespace {
 
 constexpr uint32_t kExtendedBit = 0x80000000u;
-constexpr uint32_t kFrameIdBits = 0x1FFFFFFFu;
-
 constexpr uint32_t kSlots = TARN_MAX_SIGNALS;
-
-using SignalIter = std::map<const char*, Signal>::const_iterator;
 
 uint32_t SlotCount(const DBCMessage& msg) {
     return msg.signalCount < kSlots ? msg.signalCount : kSlots;
-}
-
-// Slot names are bounded copies that may lack a terminator; a name that did
-// not fit can never equal the full key, whose length the caller checked.
-bool SlotNameIs(const DBCSignal& slot, const char* key, size_t len) {
-    return slot.name[0] == key[0] && memcmp(slot.name, key, len + 1) == 0;
-}
-
-// Low 16 bits of the switch's physical value truncated toward zero; values
-// no 64-bit integer holds give 0.
-uint16_t SwitchValueOf(const DBCSignal& sw) {
-    uint64_t raw = sw.rawValue;
-    double physical = CalcActualValue(&sw, &raw);
-    if (!(std::fabs(physical) < 9223372036854775808.0)) return 0;
-    return static_cast<uint16_t>(static_cast<int64_t>(physical));
 }
 
 bool FindSwitch(const DBCMessage& msg, uint16_t& value) {
     uint32_t count = SlotCount(msg);
     for (uint32_t i = 0; i < count; ++i) {
         if (msg.signals[i].multiplexerType != TARN_MUX_SWITCH) continue;
-        value = SwitchValueOf(msg.signals[i]);
+        value = SwitchValueOf(msg.signals[i], msg.signals[i].rawValue);
         return true;
     }
     return false;
 }
 
-bool IsSelected(const DBCSignal& sig, uint32_t switchValue) {
-    return sig.multiplexerType != TARN_MUX_MULTIPLEXED || sig.multiplexerValue == switchValue;
-}
-
-// Reads the decimal texts the coder writes ("%lu", "%lf") without strtod: an
-// integer of at most 15 digits divided by a power of ten up to 10^6 is exactly
-// what strtod returns, both results being correctly rounded. Anything else
-// goes to strtod.
-double ReadNumber(const char* text) {
-    static const double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6};
-    const char* p = text + (*text == '-');
-    uint64_t n = 0;
-    int digits = 0, decimals = -1;
-    for (; digits <= 15; ++p) {
-        if (*p >= '0' && *p <= '9') {
-            n = n * 10 + static_cast<uint64_t>(*p - '0');
-            ++digits;
-            decimals += decimals >= 0;
-        } else if (*p == '.' && decimals < 0) {
-            decimals = 0;
-        } else {
-            break;
-        }
+// Room for the raw values of one decode: on the stack for up to 256
+// signals, else in a per-thread buffer that only grows.
+class RawValues {
+  public:
+    explicit RawValues(size_t count) {
+        if (count <= kLocal) return;
+        thread_local std::vector<uint64_t> spill;
+        if (spill.size() < count) spill.resize(count);
+        m_data = spill.data();
     }
-    if (*p != '\0' || digits == 0 || digits > 15 || decimals > 6) return strtod(text, nullptr);
-    double v = static_cast<double>(n) / kPow10[decimals < 0 ? 0 : decimals];
-    return *text == '-' ? -v : v;
-}
+    uint64_t* data() { return m_data; }
 
-bool HasValueTables(const Message& msg) {
-    for (const auto& entry : msg.signals)
-        if (!entry.second.valueDescs.empty()) return true;
-    return false;
-}
-
-// Walks the decoded pairs of one message and writes the value-table text of
-// each decoded value into the slot of that signal.
-struct DescWriter {
-    const Message* msg;
-    DBCMessage* out;
-    SignalIter next;
-
-    // The coder appends one pair per signal in signal-map order, so pairs
-    // are matched to signals by position; only signals with a table are
-    // checked by name, and a mismatch falls back to a search.
-    const Signal* Find(const char* key) {
-        SignalIter end = msg->signals.end();
-        if (next != end && next->second.valueDescs.empty()) {
-            ++next;
-            return nullptr;
-        }
-        if (next != end && next->second.name && !strcmp(next->second.name, key))
-            return &(next++)->second;
-        for (SignalIter it = msg->signals.begin(); it != end; ++it) {
-            if (it->second.name && !strcmp(it->second.name, key)) {
-                next = std::next(it);
-                return &it->second;
-            }
-        }
-        return nullptr;
-    }
-
-    void Apply(const char* key, const char* value) {
-        const Signal* sig = Find(key);
-        if (!sig || sig->valueDescs.empty()) return;
-        double v = ReadNumber(value);
-        const ValPair* match = nullptr;
-        for (const ValPair& pair : sig->valueDescs) {
-            if (pair.value == v) {
-                match = &pair;
-                break;
-            }
-        }
-        size_t len = strlen(key);
-        if (!match || len >= TARN_NAME_LEN) return;
-        for (uint32_t i = 0, n = SlotCount(*out); i < n; ++i) {
-            DBCSignal& slot = out->signals[i];
-            // Position first: cheap, and nearly always unique.
-            if (slot.startBit != sig->startBit || slot.length != sig->length) continue;
-            if (SlotNameIs(slot, key, len))
-                strcpy2_s(slot.valueDescription, TARN_VALDESC_LEN - 1, match->desc.c_str());
-        }
-    }
-
-    static void Visit(void* ctx, uint64_t, const char* key, const char* value) {
-        static_cast<DescWriter*>(ctx)->Apply(key, value);
-    }
+  private:
+    static constexpr size_t kLocal = 256;
+    uint64_t m_local[kLocal];
+    uint64_t* m_data = m_local;
 };
 
-// One decode record per thread; the coder resets it on every decode, so a
-// decode allocates nothing once the record has grown to its largest message.
-kq::CommandInfo& DecodeRecord() {
-    struct Holder {
-        kq::CommandInfo* cmd = kq::CommandInfo::Create();
-        ~Holder() { cmd->Release(); }
-    };
-    thread_local Holder holder;
-    return *holder.cmd;
+// The raw values a message's signals hold in the model, in signal-map order.
+std::vector<uint64_t> HeldRaws(const Message& msg) {
+    std::vector<uint64_t> raws;
+    raws.reserve(msg.signals.size());
+    for (const auto& entry : msg.signals)
+        raws.push_back(__atomic_load_n(&entry.second.rawZero, __ATOMIC_RELAXED));
+    return raws;
 }
 
 void AppendSelected(kq::CommandInfo& cmd, const DBCMessage& msg) {
@@ -165,25 +71,57 @@ void AppendSelected(kq::CommandInfo& cmd, const DBCMessage& msg) {
 
 }  // namespace
 
+uint16_t SwitchValueOf(const DBCSignal& sw, uint64_t raw) {
+    double physical = CalcActualValue(&sw, &raw);
+    // Values no 64-bit integer holds give 0.
+    if (!(std::fabs(physical) < 9223372036854775808.0)) return 0;
+    return static_cast<uint16_t>(static_cast<int64_t>(physical));
+}
+
+bool IsSelected(const DBCSignal& sig, uint32_t switchValue) {
+    return sig.multiplexerType != TARN_MUX_MULTIPLEXED || sig.multiplexerValue == switchValue;
+}
+
+void CAnalyser::ResetPlans() {
+    std::lock_guard<std::mutex> lock(m_planMutex);
+    m_planStore.clear();
+    m_planCount = m_coder.MessageCount();
+    m_plans.reset(new std::atomic<const MessagePlans*>[m_planCount]);
+    for (size_t i = 0; i < m_planCount; ++i) m_plans[i].store(nullptr, std::memory_order_relaxed);
+}
+
+const MessagePlans& CAnalyser::PlansFor(const IndexedMessage& msg) {
+    if (msg.ordinal >= m_planCount) throw std::out_of_range("coder rebuilt behind the analyser");
+    std::atomic<const MessagePlans*>& slot = m_plans[msg.ordinal];
+    if (const MessagePlans* built = slot.load(std::memory_order_acquire)) return *built;
+    std::lock_guard<std::mutex> lock(m_planMutex);
+    if (const MessagePlans* built = slot.load(std::memory_order_relaxed)) return *built;
+    m_planStore.push_back(std::make_unique<MessagePlans>(*msg.msg));
+    slot.store(m_planStore.back().get(), std::memory_order_release);
+    return *m_planStore.back();
+}
+
 bool CAnalyser::Decode(DBCMessage* out, const VCI_CAN_OBJ* frames, size_t count, bool flag) {
     if (!out || !frames || count == 0) return false;
     try {
-        kq::CommandInfo* cmd = &DecodeRecord();
-        thread_local std::vector<VCI_CAN_OBJ> copies;
-        copies.assign(frames, frames + count);
         // One message's frames share one identifier kind: the first decides.
-        if (frames[0].externFlag)
-            for (VCI_CAN_OBJ& f : copies) f.id |= kExtendedBit;
-        if (!m_coder.Decode(cmd, copies, flag)) return false;
-        const Message* msg = m_coder.FindMsg(copies[0].id, false);
-        if (!msg) return false;
-        TranslateMsg(*msg, *out);
-        out->id = frames[0].id & kFrameIdBits;
-        SelectMutiplexer(out);
-        if (HasValueTables(*msg)) {
-            DescWriter writer{msg, out, msg->signals.begin()};
-            cmd->ForEach(&DescWriter::Visit, &writer);
-        }
+        const uint32_t idBits = frames[0].externFlag ? kExtendedBit : 0u;
+        const uint32_t id = frames[0].id | idBits;
+        const IndexedMessage* decoded = m_coder.Find(id, flag);
+        if (!decoded) return false;
+        const MessagePlans& plans = PlansFor(*decoded);
+        RawValues raws(plans.decode.readers.size());
+        if (!m_coder.DecodeRaw(plans.decode, frames, count, idBits, raws.data())) return false;
+        // The record shows the message a group lookup finds: under J1939 an
+        // identifier lookup may have decoded another message of the group.
+        const IndexedMessage* shown = flag ? m_coder.Find(id, false) : decoded;
+        if (!shown) return false;
+        const bool same = shown->msg == decoded->msg;
+        const RecordPlan& plan = same ? plans.record : PlansFor(*shown).record;
+        const std::vector<uint64_t> held = same ? std::vector<uint64_t>() : HeldRaws(*shown->msg);
+        const bool lookups = same && plan.Direct();
+        plan.Write(same ? raws.data() : held.data(), frames[0].id, lookups, *out);
+        if (!lookups) WalkValueTables(*decoded->msg, raws.data(), *shown->msg, *out);
         return true;
     } catch (...) {
         LogFailure("Decode", frames[0].id);

@@ -182,9 +182,13 @@ const char* kDb =
     " SG_ Y m65533 : 8|8@1+ (1,0) [0|0] \"\" N\n\n"
     "BO_ 296 Described: 8 N\n SG_ Scaled : 8|8@1+ (2,0) [0|0] \"\" N\n"
     " SG_ Neg : 16|8@1- (1,0) [0|0] \"\" N\n SG_ Long : 24|8@1+ (1,0) [0|0] \"\" N\n\n"
-    "BO_ 297 Wide64: 8 N\n SG_ Big : 0|64@1+ (1,0) [0|0] \"\" N\n\n"
+    "BO_ 297 Wide64: 8 N\n SG_ Big : 0|64@1+ (1,0) [0|0] \"\" N\n"
+    " SG_ Double : 0|64@1+ (2,0) [0|0] \"\" N\n\n"
+    "BO_ 298 Fractions: 8 N\n SG_ Fine : 0|32@1+ (1E-07,0) [0|0] \"\" N\n"
+    " SG_ Tenths : 32|8@1+ (0.1,0) [0|0] \"\" N\n\n"
     "VAL_ 296 Scaled 1 \"One\" 2 \"Two\" 4 \"Four\" ;\nVAL_ 296 Neg 255 \"All set\" 1 \"One\" ;\n"
-    "VAL_ 297 Big 1152921504606846976 \"Huge\" ;\n";
+    "VAL_ 297 Big 1152921504606846976 \"Huge\" ;\nVAL_ 297 Double 2305843009213693952 \"Twice\" ;\n"
+    "VAL_ 298 Fine 3 \"Three\" ;\nVAL_ 298 Tenths 3 \"Three\" ;\n";
 
 class AnalyserCodec : public ::testing::Test {
   protected:
@@ -226,14 +230,20 @@ TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
 // The decoded value is compared with the table: for a scaled signal that is
 // the physical value, for a negative signed one its negative value (raw 0xFF
 // of Neg is -1, which the table lacks). Long texts fill the whole buffer, and
-// 20-digit table values read as the nearest double.
+// 20-digit table values read as the nearest double. Scaled values are
+// compared as their six-decimal text reads: 3.0000004 and 30 * 0.1 as 3.
 TEST_F(AnalyserCodec, DecodedValueIsLookedUpInTheTable) {
     const std::tuple<uint32_t, const char*, uint64_t, std::string> cases[] = {
         {296, "Scaled", 2, "Four"},
         {296, "Neg", 0xFF, ""},
         {296, "Long", 7, std::string(TARN_VALDESC_LEN, 'd')},
         {297, "Big", (1ULL << 60) + 1, "Huge"},
-        {297, "Big", (1ULL << 60) + 512, ""}};
+        {297, "Big", (1ULL << 60) + 512, ""},
+        {297, "Double", 1ULL << 60, "Twice"},
+        {298, "Fine", 30000004, "Three"},
+        {298, "Fine", 29999996, "Three"},
+        {298, "Fine", 30000006, ""},
+        {298, "Tenths", 30, "Three"}};
     for (const auto& [id, signal, raw, expected] : cases) {
         auto out = DecodeWith(id, signal, raw);
         const auto names = atest::Names(*out);
@@ -271,19 +281,53 @@ TEST_F(AnalyserCodec, DegenerateInputsAreRefusedAndLeaveTheRecord) {
     EXPECT_EQ(out->size, 55u);
 }
 
-// Decodes on separate instances from several threads share no scratch state.
-TEST(AnalyserConcurrentDecode, InstancesOnDifferentThreadsDoNotInterfere) {
-    const RefMessage ref = atest::ReadText(kDb).at(292);
-    auto worker = [&ref](uint64_t seed, bool& ok) {
-        CAnalyser a;
-        ok = LoadText(a, kDb);
+// Under J1939 an identifier lookup (TARN_Decode's) can decode another message
+// of a group than the group lookup finds. The record shows the found one with
+// the raw values its own last decode left, and its table texts for the
+// values decoded under the same signal name.
+TEST(AnalyserGroupDecode, RecordShowsTheGroupsMessageWithItsHeldValues) {
+    CAnalyser a;
+    ASSERT_TRUE(
+        LoadText(a, std::string(atest::kJ1939Header) +
+                        "BO_ 2566844672 A: 8 Node\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" Node\n\n"
+                        "BO_ 2566844926 B: 8 Node\n SG_ S : 8|8@1+ (2,0) [0|0] \"\" Node\n\n" +
+                        atest::kJ1939Footer + "VAL_ 2566844926 S 5 \"Five\" 6 \"Six\" ;\n"));
+    const uint8_t data[8] = {5, 3};
+    const VCI_CAN_OBJ f = Frame(0x18FEF100, true, data);
+    const std::tuple<bool, uint64_t, std::string> steps[] = {
+        {true, 0, "Five"},   // A decoded (S = 5), B never
+        {false, 3, "Six"},   // B decoded: S = 3, physical 6
+        {true, 3, "Five"}};  // A again, B keeps its 3
+    auto out = NewMessage();
+    for (const auto& [byId, raw, desc] : steps) {
+        ASSERT_TRUE(a.Decode(out.get(), &f, 1, byId));
+        EXPECT_EQ(std::string(out->name), "B");
+        EXPECT_EQ(out->id, 0x18FEF100u);
+        ASSERT_EQ(out->signalCount, 1u);
+        EXPECT_EQ(out->signals[0].startBit, 8u);
+        EXPECT_EQ(out->signals[0].rawValue, raw) << byId;
+        EXPECT_EQ(std::string(out->signals[0].valueDescription), desc) << byId;
+    }
+}
+
+// Decodes from several threads, on an instance each or on one together, see
+// their own frame's values: no scratch state is shared, and the plans a
+// shared instance builds on first use come out whole.
+TEST(AnalyserConcurrentDecode, ThreadsSeeTheirOwnValues) {
+    const atest::RefDb refs = atest::ReadText(kDb);
+    CAnalyser shared;
+    ASSERT_TRUE(LoadText(shared, kDb));
+    auto worker = [&](uint64_t seed, bool& ok) {
+        CAnalyser own;
+        ok = LoadText(own, kDb);
         refpack::Rng rng(seed);
         auto out = NewMessage();
-        for (int i = 0; ok && i < 300; ++i) {
+        for (int i = 0; ok && i < 400; ++i) {
+            const auto& [id, ref] = *std::next(refs.begin(), rng.Next() % refs.size());
             uint8_t data[8];
             for (uint8_t& b : data) b = static_cast<uint8_t>(rng.Next());
-            VCI_CAN_OBJ f = Frame(292, false, data);
-            ok = a.Decode(out.get(), &f, 1, false) && out->signalCount >= 2;
+            VCI_CAN_OBJ f = Frame(static_cast<uint32_t>(id), false, data);
+            ok = (i % 2 ? shared : own).Decode(out.get(), &f, 1, false);
             for (uint32_t k = 0; ok && k < out->signalCount; ++k)
                 ok = out->signals[k].rawValue ==
                      atest::Find(ref, out->signals[k].name)->Extract(data);

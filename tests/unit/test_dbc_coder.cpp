@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "coder/dbc_coder.h"
 #include "common/command_info.h"
 #include "dbc/dbc.h"
-#include "coder/dbc_coder.h"
 #include "support/ref_packer.h"
 
 namespace {
@@ -64,10 +65,11 @@ Frames Packets(uint32_t id, const std::vector<uint8_t>& payload) {
     return out;
 }
 
-std::string Value(const CommandInfo* cmd, const char* key) {
-    const char* v = cmd->GetValue(key);
-    return v ? v : "(none)";
-}
+// The message a decode found and its raw values by signal name.
+struct Decoded {
+    std::string name;  // empty when the decode failed
+    std::map<std::string, uint64_t> raws;
+};
 
 class CoderTest : public ::testing::Test {
   protected:
@@ -85,10 +87,20 @@ class CoderTest : public ::testing::Test {
         return coder.Encode(rec);
     }
 
+    Decoded Decode(const Frames& frames, bool byId) {
+        Decoded d;
+        Message* msg = frames.empty() ? nullptr : coder.FindMsg(frames[0].id, byId);
+        if (!msg) return d;
+        const DecodePlan plan = DBCCoder::PlanFor(*msg);
+        std::vector<uint64_t> raws(plan.readers.size());
+        if (!coder.DecodeRaw(plan, frames.data(), frames.size(), 0, raws.data())) return d;
+        d.name = msg->name;
+        for (size_t k = 0; k < raws.size(); ++k) d.raws[plan.readers[k].sig->name] = raws[k];
+        return d;
+    }
+
     DBC db;
     DBCCoder coder{&db};
-    CommandInfo* cmd = CommandInfo::Create();
-    AutoUnref<CommandInfo> guard{true, cmd};
 };
 
 // J1939 keys: PDU1 groups (PF below 0xF0) drop both addresses, PDU2 groups
@@ -135,31 +147,28 @@ TEST_F(CoderTest, LookupsFollowTheProtocol) {
     }
 }
 
-// A single frame decodes from all eight bytes and records each raw value.
-// Out-of-buffer ruling: signals beyond the frame payload read 0, and a record
-// naming one of them encodes nothing.
+// A single frame decodes from all eight bytes and records each raw value in
+// the model. Out-of-buffer ruling: signals beyond the frame payload read 0,
+// and a record naming one of them encodes nothing.
 TEST_F(CoderTest, SingleFrameDecodeAndSignalsOutsideTheBuffers) {
     VCI_CAN_OBJ f = Frame(0x123, {0x7F, 0x81, 0x20});
     f.dataLen = 1;  // the length field does not cut the payload
-    ASSERT_TRUE(coder.Decode(cmd, {f}, false));
-    EXPECT_STREQ("Std", cmd->GetName());
-    EXPECT_EQ("127", Value(cmd, "A"));
-    // B: Motorola 15|12 -> bits 7..0 of byte 1 then 7..4 of byte 2 = 0x812, signed.
-    EXPECT_EQ("-1025.000000", Value(cmd, "B"));  // (0x812 - 4096) * 0.5 - 10
+    Decoded d = Decode({f}, false);
+    EXPECT_EQ("Std", d.name);
+    // B: Motorola 15|12 -> bits 7..0 of byte 1 then 7..4 of byte 2 = 0x812.
+    const std::map<std::string, uint64_t> want = {
+        {"A", 127}, {"B", 0x812}, {"Away", 0}, {"Edge", 0}};
+    EXPECT_EQ(want, d.raws);
     EXPECT_EQ(0x812u, db.FindSignal(db.FindMsg2("Std"), "B")->rawZero);
-    EXPECT_EQ("0", Value(cmd, "Away"));
-    EXPECT_EQ("0", Value(cmd, "Edge"));
     for (const char* name : {"Away", "Edge"}) {
         EXPECT_TRUE(Encode("Std", {{"A", "1"}, {name, "1"}}).empty()) << name;
     }
-    ASSERT_TRUE(coder.Decode(cmd, {Frame(0x98FEF1AB, {0x80, 0x0C})}, false));
-    EXPECT_STREQ("Pdu2", cmd->GetName());
-    EXPECT_EQ("12.500000", Value(cmd, "Speed"));
-    EXPECT_EQ(nullptr, cmd->GetValue("A"));  // the record was reset
+    d = Decode({Frame(0x98FEF1AB, {0x80, 0x0C})}, false);
+    EXPECT_EQ("Pdu2", d.name);
+    EXPECT_EQ(0x0C80u, d.raws["Speed"]);
 }
 
-// Every packet must carry the next sequence number and the same PGN; a failed
-// decode leaves the record as it was.
+// Every packet must carry the next sequence number and the same PGN.
 TEST_F(CoderTest, MultiPacketDecodeChecksEveryFrame) {
     std::vector<uint8_t> payload(20);
     for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(0x10 + i);
@@ -184,21 +193,16 @@ TEST_F(CoderTest, MultiPacketDecodeChecksEveryFrame) {
         {"single", {good[0]}, false}, {"none", {}, false},
         // clang-format on
     };
+    const std::map<std::string, uint64_t> want = {
+        {"First", 0x10}, {"Cross", 0x1716}, {"Moto", 0x1819}, {"Last", 0x23}};
     for (const auto& c : cases) {
-        cmd->Reset();
-        cmd->SetName("before");
-        cmd->Append("keep", "me");
-        ASSERT_EQ(c.ok, coder.Decode(cmd, c.frames, false)) << c.what;
-        EXPECT_STREQ(c.ok ? "Pdu1" : "before", cmd->GetName()) << c.what;
-        EXPECT_EQ(c.ok ? "(none)" : "me", Value(cmd, "keep")) << c.what;
-        if (!c.ok) continue;
-        EXPECT_EQ("16", Value(cmd, "First"));
-        EXPECT_EQ(std::to_string(0x16 | (0x17 << 8)), Value(cmd, "Cross"));
-        EXPECT_EQ(std::to_string((0x18 << 8) | 0x19), Value(cmd, "Moto"));
-        EXPECT_EQ(std::to_string(0x23), Value(cmd, "Last"));
+        const Decoded d = Decode(c.frames, false);
+        EXPECT_EQ(c.ok ? "Pdu1" : "", d.name) << c.what;
+        if (c.ok) {
+            EXPECT_EQ(want, d.raws) << c.what;
+        }
     }
-    EXPECT_FALSE(coder.Decode(nullptr, good, false));
-    EXPECT_FALSE(coder.Decode(cmd, {Frame(0x98FEF2AA, {})}, true));
+    EXPECT_EQ("", Decode({Frame(0x98FEF2AA, {})}, true).name);
 }
 
 TEST_F(CoderTest, LongestTransferDecodesAndLongerListsFail) {
@@ -206,10 +210,9 @@ TEST_F(CoderTest, LongestTransferDecodesAndLongerListsFail) {
     payload[1784] = 0x5C;
     Frames frames = Packets(0x98FECA00, payload);
     ASSERT_EQ(255u, frames.size());
-    ASSERT_TRUE(coder.Decode(cmd, frames, false));
-    EXPECT_EQ("92", Value(cmd, "End"));
+    EXPECT_EQ(0x5Cu, Decode(frames, false).raws["End"]);
     frames.push_back(Frame(0x98FECA00, {0}));  // a 256th packet cannot carry its number
-    EXPECT_FALSE(coder.Decode(cmd, frames, false));
+    EXPECT_EQ("", Decode(frames, false).name);
 }
 
 // Long messages split into numbered packets; the unused tail bytes of the last
@@ -254,11 +257,14 @@ TEST(DBCCoderCorpus, EverySignalOfARealJ1939DatabaseRoundTrips) {
     db.GetAllMessage(msgs);
     ASSERT_GT(msgs.size(), 100u);
     refpack::Rng rng(8);
-    CommandInfo *out = CommandInfo::Create(), *rec = CommandInfo::Create();
-    AutoUnref<CommandInfo> guardOut(true, out), guardRec(true, rec);
+    CommandInfo* rec = CommandInfo::Create();
+    AutoUnref<CommandInfo> guardRec(true, rec);
+    std::vector<uint64_t> raws;
     size_t checked = 0;
     for (Message* m : msgs) {
         if (coder.FindMsg(static_cast<uint32_t>(m->id), false) != m) continue;  // PGN shadowed
+        const DecodePlan plan = DBCCoder::PlanFor(*m);
+        raws.resize(plan.readers.size());
         for (auto& entry : m->signals) {
             Signal& sig = entry.second;
             const std::vector<uint64_t> bits =
@@ -273,7 +279,8 @@ TEST(DBCCoderCorpus, EverySignalOfARealJ1939DatabaseRoundTrips) {
             rec->AppendU64(sig.name, raw);
             const Frames frames = coder.Encode(rec);
             ASSERT_FALSE(frames.empty()) << m->name << "." << sig.name;
-            ASSERT_TRUE(coder.Decode(out, frames, false)) << m->name;
+            ASSERT_TRUE(coder.DecodeRaw(plan, frames.data(), frames.size(), 0, raws.data()))
+                << m->name;
             ASSERT_EQ(raw, sig.rawZero) << m->name << "." << sig.name;
             ++checked;
         }
