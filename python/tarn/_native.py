@@ -340,3 +340,28 @@ def text(value):
 
 def status_text(status):
     return text(lib.tarn_status_text(status))
+
+
+class Owned:
+    """Owns one library handle: `close()` (also on leaving a `with` block and
+    on collection) frees it once through the class's `_free` function name."""
+
+    _free = None
+    _handle = None
+
+    def close(self):
+        if self._handle:
+            handle, self._handle = self._handle, None
+            getattr(lib, self._free)(handle)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def __del__(self):
+        try:
+            self.close()
+        except Exception:  # noqa: BLE001 - interpreter shutdown
+            pass

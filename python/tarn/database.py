@@ -382,9 +382,11 @@ class Message:
                                               self.is_extended_frame, self.length)
 
 
-class Database:
+class Database(N.Owned):
     """A DBC database opened by the library. Immutable; any number of threads
     may decode with it at once. Closed by close(), `with`, or when collected."""
+
+    _free = "tarn_db_close"
 
     def __init__(self, path=None, strict=False, j1939=None, *, _text=None):
         flags = (N.OPEN_STRICT if strict else 0) | (N.OPEN_J1939 if j1939 else 0)
@@ -433,22 +435,6 @@ class Database:
         self._by_name = {m.name: m for m in self.messages}
 
     # -- lifetime --------------------------------------------------------------
-    def close(self):
-        if self._handle:
-            handle, self._handle = self._handle, None
-            lib.tarn_db_close(handle)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
-
-    def __del__(self):
-        try:
-            self.close()
-        except Exception:  # noqa: BLE001 - interpreter shutdown
-            pass
 
     def _live(self):
         if not self._handle:

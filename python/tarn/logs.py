@@ -47,9 +47,11 @@ class Frame:
         return "Frame(%.6f %s %s#%s)" % (self.timestamp, self.channel, ident, self.data.hex())
 
 
-class LogReader:
+class LogReader(N.Owned):
     """A log file open for reading; iterate it for Frame objects, or call
     batches() for numpy arrays of tarn_frame records (FRAME_DTYPE)."""
+
+    _free = "tarn_log_close"
 
     def __init__(self, path, format=None):
         if format not in FORMATS:
@@ -131,22 +133,6 @@ class LogReader:
             out.append(text(name.value))
         return out
 
-    def close(self):
-        if self._handle:
-            handle, self._handle = self._handle, None
-            lib.tarn_log_close(handle)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()
-
-    def __del__(self):
-        try:
-            self.close()
-        except Exception:  # noqa: BLE001
-            pass
 
 
 def read_log(path, format=None):

@@ -49,18 +49,24 @@ Header Receiver::Announced(uint32_t id, const uint8_t* d) const {
     return h;
 }
 
-void Receiver::OnBam(uint64_t now, uint32_t id, const uint8_t* d) {
-    if (Destination(id) != kGlobalAddress) {
+bool Receiver::Admit(uint64_t now, uint32_t id, const uint8_t* d, bool broadcast, Header& h) {
+    if ((Destination(id) == kGlobalAddress) != broadcast) {
         ++m_wire.stats().malformed;
-        return;
+        return false;
     }
-    const Header h = Announced(id, d);
+    h = Announced(id, d);
     const AbortReason bad = CheckSize(d);
     if (bad != AbortReason::None) {
         ++m_wire.stats().size_mismatches;
         Refuse(now, h, bad);
-        return;
+        return false;
     }
+    return true;
+}
+
+void Receiver::OnBam(uint64_t now, uint32_t id, const uint8_t* d) {
+    Header h;
+    if (!Admit(now, id, d, true, h)) return;
     // A repeat of the announcement before any packet is the same broadcast.
     const auto it = m_sessions.find(Key(h.source, kGlobalAddress));
     if (it != m_sessions.end()) {
@@ -78,17 +84,8 @@ void Receiver::OnBam(uint64_t now, uint32_t id, const uint8_t* d) {
 }
 
 void Receiver::OnRts(uint64_t now, uint32_t id, const uint8_t* d) {
-    if (Destination(id) == kGlobalAddress) {
-        ++m_wire.stats().malformed;
-        return;
-    }
-    const Header h = Announced(id, d);
-    const AbortReason bad = CheckSize(d);
-    if (bad != AbortReason::None) {
-        ++m_wire.stats().size_mismatches;
-        Refuse(now, h, bad);
-        return;
-    }
+    Header h;
+    if (!Admit(now, id, d, false, h)) return;
     // The same group again means the originator started over; another group
     // while one is open is refused, as only one session per pair may exist.
     const auto it = m_sessions.find(Key(h.source, h.destination));

@@ -57,6 +57,9 @@ class Receiver {
     }
 
     Header Announced(uint32_t id, const uint8_t* d) const;
+    // Checks an announcement's addressing (broadcast or not) and size, and
+    // refuses it when they are wrong; true when it may open a session.
+    bool Admit(uint64_t now, uint32_t id, const uint8_t* d, bool broadcast, Header& h);
     Session* Open(uint64_t now, const Header& header, bool broadcast);
     void Refuse(uint64_t now, const Header& header, AbortReason reason);
     void Grant(uint64_t now, Session& s);
