@@ -60,7 +60,7 @@ class BitSweep : public ::testing::TestWithParam<bool> {
 // payloads changes exactly the signal's bits; extraction (of those and of random
 // payloads) equals the reference wherever the rule is exact (lengths under 32,
 // or whole bytes after the first) and follows the documented 32-bit rule elsewhere.
-// Out-of-buffer ruling: in an 8-byte buffer a placement is accepted exactly when
+// Out-of-buffer rule: in an 8-byte buffer a placement is accepted exactly when
 // all its bits are inside; refused ones read 0 and leave the buffer untouched.
 TEST_P(BitSweep, InsertionAndExtractionMatchTheReference) {
     const bool motorola = GetParam();

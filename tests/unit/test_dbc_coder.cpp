@@ -148,7 +148,7 @@ TEST_F(CoderTest, LookupsFollowTheProtocol) {
 }
 
 // A single frame decodes from all eight bytes and records each raw value in
-// the model. Out-of-buffer ruling: signals beyond the frame payload read 0,
+// the model. Out-of-buffer rule: signals beyond the frame payload read 0,
 // and a record naming one of them encodes nothing.
 TEST_F(CoderTest, SingleFrameDecodeAndSignalsOutsideTheBuffers) {
     VCI_CAN_OBJ f = Frame(0x123, {0x7F, 0x81, 0x20});
