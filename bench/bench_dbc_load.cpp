@@ -22,6 +22,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "bench_inputs.h"
 #include "dbc/dbc.h"
 
 // ---------------------------------------------------------------------------
@@ -199,49 +200,9 @@ void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcep
 
 namespace {
 
-int64_t FileSize(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
-}
-
-bool EndsWithDbc(const std::string& name) {
-    size_t n = name.size();
-    return n > 4 && (name.compare(n - 4, 4, ".dbc") == 0 || name.compare(n - 4, 4, ".DBC") == 0);
-}
-
-std::string LargestCorpusFile() {
-    std::string best;
-    int64_t bestSize = -1;
-    std::string dir = TARN_CORPUS_DIR;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            std::string path = dir + "/" + e->d_name;
-            int64_t size = FileSize(path);
-            if (EndsWithDbc(e->d_name) && size > bestSize) {
-                best = path;
-                bestSize = size;
-            }
-        }
-        closedir(d);
-    }
-    return best;
-}
-
-// The generated file is made once per machine and reused by later runs.
-const std::string& GeneratedFile() {
-    static const std::string path = [] {
-        std::string tool = std::string(TARN_SHARED_DIR) + "/tools/gen_synthetic_dbc.py";
-        std::string dir = "/tmp/tarn_bench_dbc";
-        std::string out = dir + "/synthetic_seed1.dbc";
-        if (FileSize(out) > 0) return out;
-        if (FileSize(tool) <= 0) return std::string();
-        mkdir(dir.c_str(), 0755);
-        std::string cmd = "python3 '" + tool + "' '" + out +
-                          ".tmp' --seed 1 >/dev/null 2>&1 && mv '" + out + ".tmp' '" + out + "'";
-        return std::system(cmd.c_str()) == 0 && FileSize(out) > 0 ? out : std::string();
-    }();
-    return path;
-}
+using bench::FileSize;
+using bench::GeneratedFile;
+using bench::LargestCorpusFile;
 
 // The loader reports odd lines of real files; keep them out of the tables.
 void Quiet() {

@@ -18,61 +18,19 @@
 #include <fstream>
 #include <string>
 
+#include "bench_inputs.h"
 #include "dbc/network.h"
 #include "tarn/db.h"
 
 namespace {
 
+using bench::FileSize;
+using bench::GeneratedFile;
+using bench::LargestCorpusFile;
+using bench::Slurp;
 using tarn::net::Network;
 using tarn::net::ReadOptions;
 using tarn::net::ReadStatus;
-
-int64_t FileSize(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
-}
-
-std::string Slurp(const std::string& path) {
-    std::string text(static_cast<size_t>(std::max<int64_t>(FileSize(path), 0)), '\0');
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return std::string();
-    text.resize(std::fread(&text[0], 1, text.size(), f));
-    std::fclose(f);
-    return text;
-}
-
-std::string LargestCorpusFile() {
-    std::string best, dir = TARN_CORPUS_DIR;
-    int64_t bestSize = -1;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            std::string name = e->d_name, path = dir + "/" + name;
-            bool dbc = name.size() > 4 && (name.compare(name.size() - 4, 4, ".dbc") == 0 ||
-                                           name.compare(name.size() - 4, 4, ".DBC") == 0);
-            if (dbc && FileSize(path) > bestSize) {
-                best = path;
-                bestSize = FileSize(path);
-            }
-        }
-        closedir(d);
-    }
-    return best;
-}
-
-// Made once per machine by the shared generator and reused by later runs.
-const std::string& GeneratedFile() {
-    static const std::string path = [] {
-        std::string tool = std::string(TARN_SHARED_DIR) + "/tools/gen_synthetic_dbc.py";
-        std::string dir = "/tmp/tarn_bench_dbc", out = dir + "/synthetic_seed1.dbc";
-        if (FileSize(out) > 0) return out;
-        if (FileSize(tool) <= 0) return std::string();
-        mkdir(dir.c_str(), 0755);
-        std::string cmd = "python3 '" + tool + "' '" + out +
-                          ".tmp' --seed 1 >/dev/null 2>&1 && mv '" + out + ".tmp' '" + out + "'";
-        return std::system(cmd.c_str()) == 0 && FileSize(out) > 0 ? out : std::string();
-    }();
-    return path;
-}
 
 void ReadFromMemory(benchmark::State& state, const std::string& path) {
     std::string text = path.empty() ? std::string() : Slurp(path);

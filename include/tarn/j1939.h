@@ -117,6 +117,10 @@ typedef enum tarn_j1939_end_reason {
     TARN_J1939_END_REFUSED = 8       /* an RTS or BAM not taken: abort_reason says why */
 } tarn_j1939_end_reason;
 
+/* A static English text for an end reason ("no data packet within 750 ms",
+ * ...); never NULL. */
+TARN_NATIVE_API const char* tarn_j1939_end_reason_text(int reason);
+
 /* This object's part in a transfer. */
 typedef enum tarn_j1939_role {
     TARN_J1939_LISTENER = 0,  /* sent nothing: broadcasts, transfers between others,

@@ -240,6 +240,7 @@ _PROTOTYPES = {
     "tarn_j1939_stop_timer": (_int, [_vp]),
     "tarn_j1939_clock_us": (_u64, []),
     "tarn_j1939_get_stats": (_int, [_vp, _P(J1939Stats)]),
+    "tarn_j1939_end_reason_text": (_str, [_int]),
 }
 
 # ---- Finding the library ------------------------------------------------------

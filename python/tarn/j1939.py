@@ -111,8 +111,6 @@ class TransferError(Error):
         self.abort_reason = abort_reason
 
 
-_END_REASONS = {1: "timeout T1", 2: "timeout T2", 3: "timeout T3", 4: "timeout T4",
-                5: "aborted", 6: "aborted by the peer", 7: "replaced", 8: "refused"}
 _live_nodes = weakref.WeakSet()
 
 
@@ -191,7 +189,7 @@ class Node:
         try:
             e = ended.contents
             why = "PGN 0x%X to 0x%X: %s (abort reason %d)" % (
-                e.pgn, e.destination, _END_REASONS.get(e.reason, "ended"), e.abort_reason)
+                e.pgn, e.destination, N.text(lib.tarn_j1939_end_reason_text(e.reason)), e.abort_reason)
             if e.role == 2:
                 self._settle(e.destination, TransferError(why, e.reason, e.abort_reason))
             else:

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "j1939/identifier.h"
+
 namespace tarn::coder {
 namespace {
 
@@ -106,19 +108,6 @@ void IndexMux(MessagePlan& mp, const SignalPlan* plans) {
 
 }  // namespace
 
-J1939Fields SplitJ1939(uint32_t id) {
-    J1939Fields f;
-    f.priority = static_cast<uint8_t>((id >> 26) & 0x7);
-    f.source = static_cast<uint8_t>(id & 0xFF);
-    const uint32_t pf = (id >> 16) & 0xFF;
-    f.pgn = (id >> 8) & 0x3FFFF;
-    if (pf < 240) {
-        f.destination = static_cast<uint8_t>(f.pgn & 0xFF);
-        f.pgn &= 0x3FF00;
-    }
-    return f;
-}
-
 void KeyTable::Build(const std::vector<std::pair<uint64_t, uint32_t>>& entries) {
     size_t size = 16;
     while (size < entries.size() * 2) size *= 2;
@@ -155,7 +144,7 @@ void NetworkPlan::Build(const net::Network& net, bool indexMux) {
         if (cycle && cycle->number >= 0 && cycle->number < 2147483647.0)
             mp.cycleTimeMs = static_cast<int32_t>(cycle->number);
         ids.emplace_back(uint64_t{m.id} | (m.extended ? uint64_t{1} << 32 : 0), i);
-        if (m_j1939 && m.extended) pgns.emplace_back(SplitJ1939(m.id).pgn, i);
+        if (m_j1939 && m.extended) pgns.emplace_back(j1939::Pgn(m.id), i);
     }
     m_byId.Build(ids);
     m_byPgn.Build(pgns);
@@ -164,7 +153,7 @@ void NetworkPlan::Build(const net::Network& net, bool indexMux) {
 int64_t NetworkPlan::FindMessage(uint32_t id, bool extended) const {
     const int64_t exact = m_byId.Find(uint64_t{id} | (extended ? uint64_t{1} << 32 : 0));
     if (exact >= 0 || !m_j1939 || !extended) return exact;
-    return m_byPgn.Find(SplitJ1939(id).pgn);
+    return m_byPgn.Find(j1939::Pgn(id));
 }
 
 size_t NetworkPlan::BytesHeld() const {

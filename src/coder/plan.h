@@ -96,17 +96,6 @@ class KeyTable {
     uint32_t m_shift = 0;
 };
 
-struct J1939Fields {
-    uint32_t pgn = 0;
-    uint8_t priority = 0;
-    uint8_t source = 0;
-    uint8_t destination = 0xFF;
-};
-
-// Splits a 29-bit identifier: below PDU format 240 the low byte is the
-// destination and not part of the PGN.
-J1939Fields SplitJ1939(uint32_t id);
-
 class NetworkPlan {
   public:
     // `indexMux` false keeps every message on the plain walk (for tests).

@@ -1,4 +1,5 @@
 // Decoding and encoding through the plans of an open database.
+#include "j1939/identifier.h"
 #include "native/handles.h"
 
 using namespace tarn;
@@ -11,11 +12,10 @@ void SetJ1939(const tarn_db& db, uint32_t id, bool extended, tarn_decoded& out) 
     out.destination = 0;
     out.j1939 = 0;
     if (!db.plan.J1939() || !extended) return;
-    const coder::J1939Fields f = coder::SplitJ1939(id);
-    out.pgn = f.pgn;
-    out.priority = f.priority;
-    out.source = f.source;
-    out.destination = f.destination;
+    out.pgn = j1939::Pgn(id);
+    out.priority = j1939::Priority(id);
+    out.source = j1939::Source(id);
+    out.destination = j1939::Destination(id);
     out.j1939 = 1;
 }
 

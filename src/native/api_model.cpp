@@ -1,5 +1,6 @@
 // Read access to an open database: network, nodes, messages, signals,
 // attributes and value tables. Every text comes from the database's pool.
+#include "j1939/identifier.h"
 #include "native/handles.h"
 
 using namespace tarn;
@@ -107,7 +108,7 @@ int tarn_message_get_info(const tarn_message* msg, tarn_message_info* out) {
     const coder::MessagePlan& plan = msg->db->plan.Message(msg->index);
     out->cycle_time_ms = plan.cycleTimeMs;
     out->multiplexed = plan.multiplexed ? 1 : 0;
-    out->pgn = n.j1939 && m.extended ? coder::SplitJ1939(m.id).pgn : 0;
+    out->pgn = n.j1939 && m.extended ? j1939::Pgn(m.id) : 0;
     return TARN_OK;
 }
 

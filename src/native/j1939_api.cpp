@@ -65,6 +65,18 @@ uint64_t ClockUs() {
     return uint64_t(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
+// The fields a completed transfer and an ended session report alike.
+template <class Report>
+void CopyHeader(const j1939::Header& h, uint64_t now, Report& out) {
+    out.time_us = now;
+    out.pgn = h.pgn;
+    out.size = h.size;
+    out.priority = h.priority;
+    out.source = h.source;
+    out.destination = h.destination;
+    out.role = static_cast<uint8_t>(h.role);
+}
+
 }  // namespace
 
 struct tarn_j1939 final : j1939::Events {
@@ -77,28 +89,16 @@ struct tarn_j1939 final : j1939::Events {
     void OnTransfer(const j1939::Transfer& t) override {
         if (options.on_transfer == nullptr) return;
         tarn_j1939_transfer out{};
-        out.time_us = t.now;
-        out.pgn = t.header.pgn;
-        out.size = t.header.size;
+        CopyHeader(t.header, t.now, out);
         out.data = t.data;
-        out.priority = t.header.priority;
-        out.source = t.header.source;
-        out.destination = t.header.destination;
-        out.role = static_cast<uint8_t>(t.header.role);
         options.on_transfer(options.user, &out);
     }
 
     void OnEnded(const j1939::Ended& e) override {
         if (options.on_ended == nullptr) return;
         tarn_j1939_ended out{};
-        out.time_us = e.now;
-        out.pgn = e.header.pgn;
-        out.size = e.header.size;
+        CopyHeader(e.header, e.now, out);
         out.done = e.done;
-        out.priority = e.header.priority;
-        out.source = e.header.source;
-        out.destination = e.header.destination;
-        out.role = static_cast<uint8_t>(e.header.role);
         out.reason = static_cast<uint8_t>(e.reason);
         out.abort_reason = static_cast<uint8_t>(e.abort);
         options.on_ended(options.user, &out);
@@ -181,6 +181,29 @@ struct tarn_j1939 final : j1939::Events {
 };
 
 extern "C" {
+
+const char* tarn_j1939_end_reason_text(int reason) {
+    switch (reason) {
+        case TARN_J1939_END_T1:
+            return "no data packet within 750 ms";
+        case TARN_J1939_END_T2:
+            return "no data packet within 1250 ms of a CTS";
+        case TARN_J1939_END_T3:
+            return "no CTS or acknowledgement within 1250 ms";
+        case TARN_J1939_END_T4:
+            return "transfer held longer than 1050 ms";
+        case TARN_J1939_END_ABORTED:
+            return "aborted";
+        case TARN_J1939_END_PEER_ABORTED:
+            return "aborted by the peer";
+        case TARN_J1939_END_REPLACED:
+            return "replaced by a new broadcast from the same source";
+        case TARN_J1939_END_REFUSED:
+            return "refused";
+        default:
+            return "ended";
+    }
+}
 
 uint8_t tarn_j1939_priority(uint32_t id) {
     return j1939::Priority(id);

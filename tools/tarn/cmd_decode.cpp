@@ -24,28 +24,6 @@ uint32_t pgnOf(uint32_t id) {
     return tarn_j1939_pgn(id);
 }
 
-const char* endReason(int reason) {
-    switch (reason) {
-        case TARN_J1939_END_T1:
-            return "no data packet within 750 ms";
-        case TARN_J1939_END_T2:
-            return "no data packet within 1250 ms of a CTS";
-        case TARN_J1939_END_T3:
-            return "no CTS or acknowledgement within 1250 ms";
-        case TARN_J1939_END_T4:
-            return "transfer held longer than 1050 ms";
-        case TARN_J1939_END_ABORTED:
-        case TARN_J1939_END_PEER_ABORTED:
-            return "aborted";
-        case TARN_J1939_END_REPLACED:
-            return "replaced by a new broadcast from the same source";
-        case TARN_J1939_END_REFUSED:
-            return "refused";
-        default:
-            return "ended";
-    }
-}
-
 bool isTransport(uint32_t id) {
     const uint32_t pgn = pgnOf(id);
     return pgn == 0xEC00 || pgn == 0xEB00;
@@ -156,7 +134,8 @@ void Transport::onEnded(void* user, const tarn_j1939_ended* e) {
     std::fprintf(stderr,
                  "tarn: J1939 transfer of PGN %u (0x%05X) from 0x%02X to 0x%02X abandoned after "
                  "%u of %u bytes: %s\n",
-                 e->pgn, e->pgn, e->source, e->destination, e->done, e->size, endReason(e->reason));
+                 e->pgn, e->pgn, e->source, e->destination, e->done, e->size,
+                 tarn_j1939_end_reason_text(e->reason));
 }
 
 // Decodes and formats frames [begin, end) of a batch; several run at once

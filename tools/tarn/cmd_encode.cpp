@@ -6,13 +6,14 @@
 #include <vector>
 
 #include "commands.h"
+#include "tarn/j1939.h"
 #include "text.h"
 
 namespace tarncli {
 namespace {
 
 constexpr uint32_t kMaxTransfer = 1785;  // 255 packets of 7 bytes
-constexpr double kBamGapSeconds = 0.05;
+constexpr uint8_t kTransportPriority = 7;
 
 bool parseDouble(const std::string& text, double& out) {
     char* end = nullptr;
@@ -77,25 +78,35 @@ size_t fdLength(size_t n) {
     return 0;
 }
 
-// A J1939 broadcast transfer: the announcement, then packets 50 ms apart.
-void printBam(const Options& opts, const tarn_message_info& m, const std::vector<uint8_t>& data) {
-    const uint32_t sa = m.id & 0xFF;
-    const size_t packets = (data.size() + 6) / 7;
-    const uint8_t cm[8] = {0x20,
-                           static_cast<uint8_t>(data.size()),
-                           static_cast<uint8_t>(data.size() >> 8),
-                           static_cast<uint8_t>(packets),
-                           0xFF,
-                           static_cast<uint8_t>(m.pgn),
-                           static_cast<uint8_t>(m.pgn >> 8),
-                           static_cast<uint8_t>(m.pgn >> 16)};
-    printFrame(opts, 0, 0x1CECFF00u | sa, true, cm, 8, false);
-    for (size_t p = 0; p < packets; ++p) {
-        uint8_t dt[8] = {static_cast<uint8_t>(p + 1), 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-        for (size_t k = 0; k < 7 && p * 7 + k < data.size(); ++k) dt[k + 1] = data[p * 7 + k];
-        printFrame(opts, kBamGapSeconds * static_cast<double>(p + 1), 0x1CEBFF00u | sa, true, dt, 8,
-                   false);
+// A J1939 broadcast transfer as the library's sender puts it on the bus:
+// the announcement, then the packets at its pace (50 ms apart).
+struct BamPrinter {
+    const Options& opts;
+    uint64_t now = 0;
+    static int send(void* user, uint32_t id, const uint8_t* data, size_t length) {
+        const BamPrinter* self = static_cast<const BamPrinter*>(user);
+        printFrame(self->opts, static_cast<double>(self->now) / 1e6, id, true, data, length, false);
+        return 0;
     }
+};
+
+bool printBam(const Options& opts, const tarn_message_info& m, const std::vector<uint8_t>& data) {
+    BamPrinter printer{opts};
+    tarn_j1939_options o;
+    tarn_j1939_options_init(&o);
+    o.address = static_cast<int>(tarn_j1939_source(m.id));
+    o.send = &BamPrinter::send;
+    o.user = &printer;
+    tarn_j1939* j = nullptr;
+    if (tarn_j1939_create(&o, &j) != TARN_OK) return false;
+    // Transport frames go at the lowest priority, as is usual for them.
+    bool ok = tarn_j1939_send(j, 0, kTransportPriority, m.pgn, TARN_J1939_GLOBAL, data.data(),
+                              data.size()) == TARN_OK;
+    uint64_t next = 0;
+    while (ok && tarn_j1939_poll(j, printer.now, &next) == TARN_OK && next != UINT64_MAX)
+        printer.now = next;
+    tarn_j1939_destroy(j);
+    return ok;
 }
 
 }  // namespace
@@ -148,7 +159,10 @@ int runEncode(const Options& opts) {
     if (written <= 8) {
         printFrame(opts, 0, info.id, info.extended, data.data(), written, false);
     } else if (db->j1939() && info.extended && written <= kMaxTransfer) {
-        printBam(opts, info, data);
+        if (!printBam(opts, info, data)) {
+            std::fprintf(stderr, "tarn: %s cannot be sent as a J1939 broadcast\n", info.name);
+            return kExitFailure;
+        }
     } else if (fdLength(written)) {
         data.resize(fdLength(written), 0);
         printFrame(opts, 0, info.id, info.extended, data.data(), data.size(), true);
