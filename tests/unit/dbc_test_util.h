@@ -1,6 +1,4 @@
-// Helpers of the DBC database tests: a log capture that returns the message
-// texts without their source prefix, loading DBC text into a fresh model and
-// a scratch directory for file-based loads.
+// Helpers of the legacy DBC model tests: log capture, loading text, scratch files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -48,18 +46,12 @@ class TempDir {
     std::string m_path;
 };
 
-// Routes the logger into a temporary file while alive.
+// Routes the logger into a file while alive; Messages() drops the "file:line[level] " prefix.
 class LogCapture {
   public:
     LogCapture() { kq::LogInit(m_file.c_str(), kq::LOG_DEBUG); }
     ~LogCapture() { kq::LogInit(nullptr, kq::LOG_DEBUG); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
     std::string Raw() const { return ReadFile(m_file); }
-
-    // Every logged message without the "file:line[level] " prefix. Blank
-    // lines (the signed-signal warning carries its own newline) are dropped.
     std::vector<std::string> Messages() const {
         std::vector<std::string> out;
         std::istringstream in(Raw());
@@ -75,14 +67,12 @@ class LogCapture {
     std::string m_file = m_dir.Path() + "/log.txt";
 };
 
-// Silences the logger for a whole test suite.
 class Quiet : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { kq::LogInit("/dev/null", kq::LOG_ERROR); }
     static void TearDownTestSuite() { kq::LogInit(nullptr, kq::LOG_DEBUG); }
 };
 
-// A model loaded from text, with the record-order flag set on request.
 inline std::unique_ptr<DBC> Load(const std::string& text, bool ordered = false,
                                  bool* ok = nullptr) {
     std::unique_ptr<DBC> db(new DBC);
@@ -99,12 +89,6 @@ inline const Signal* Sig(const DBC& db, uint64_t id, const char* name) {
 inline std::vector<Message*> Messages(const DBC& db) {
     std::vector<Message*> all;
     db.GetAllMessage(all);
-    return all;
-}
-
-inline std::vector<NetworkNode*> Nodes(const DBC& db) {
-    std::vector<NetworkNode*> all;
-    db.GetAllNetworkNode(all);
     return all;
 }
 

@@ -1,19 +1,18 @@
-// Loads every DBC file of the public corpus and checks the model against an
-// independent scanner written here and against manifest.tsv, then checks that
-// the writer's text loads back into the same messages and signals.
-//
-// The scanner follows the loader's documented line rules (first word of a
-// line picks the section, a message owns the SG_ lines right below it, a
-// malformed signal ends its message's list, ids with bit 29/30 are dropped,
-// a repeated id fails the load) but shares no code with it; signal fields
-// come from the plain sscanf format the DBC text is defined by.
+// Every DBC file of the public corpus through both readers and both writers.
+// The legacy reader is checked against a line scanner written here that
+// shares no code with it (signal fields come from the plain sscanf format);
+// the native reader against a plain SG_ line scan, manifest.tsv and a
+// reviewed list of its diagnostics.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <random>
+#include <set>
 
+#include "dbc/network.h"
+#include "dbc/network_writer.h"
 #include "support/ref_packer.h"
 #include "unit/dbc_test_util.h"
 
@@ -24,8 +23,7 @@ namespace {
 // id -> message line, then one line per signal in position order.
 using Model = std::map<uint64_t, std::vector<std::string>>;
 
-// Doubles print as "%a" (bit exact) against the reference, "%.7f" after a
-// round trip through the writer, which keeps seven decimals.
+// Doubles print as "%a" (bit exact), or "%.7f" after the writer's seven decimals.
 std::string SignalText(const char* fmt, const std::string& name, const std::string& mux,
                        unsigned muxValue, unsigned start, unsigned len, bool motorola, bool sign,
                        const double (&v)[4], const std::string& unit, unsigned index) {
@@ -44,9 +42,8 @@ std::string Str(const char* s) {
     return s ? s : "<null>";
 }
 
-// The model in the same form. A bare "m" indicator is written as "m 0",
-// which the reader rejects, ending the message's list in the reloaded text:
-// with asWritten, the signals from there on are left out.
+// A bare "m" indicator is written as "m 0", which ends the list when read
+// back: asWritten leaves out the signals from there on.
 Model Describe(const DBC& db, const char* fmt, bool asWritten = false) {
     Model out;
     for (const Message* m : dbctest::Messages(db)) {
@@ -79,8 +76,6 @@ void ExpectSame(const Model& want, const Model& got) {
 struct Reference {
     bool loadOk = true;
     Model model;
-    size_t boLines = 0;  // BO_ statements seen, dropped ones included
-    bool extendedLine = false;
 };
 
 bool IsIdent(char c) {
@@ -145,12 +140,10 @@ class Scanner {
 
     // One BO_ statement and its signals; false when its id repeats.
     bool Message(size_t p, size_t& pos) {
-        ++ref_.boLines;
         std::string idWord = Word(p), name = Word(p);
         if (p < n_) ++p;  // the separator, whatever it is
         std::string dlcWord = Word(p), transmitter = Word(p);
         uint64_t id = std::strtoull(idWord.c_str(), nullptr, 0);
-        ref_.extendedLine |= (id & 0x80000000u) != 0;
         if (id & 0x60000000u) return pos = p, true;
         std::vector<std::string> lines{name + " " +
                                        std::to_string(std::strtoull(dlcWord.c_str(), nullptr, 0)) +
@@ -206,25 +199,6 @@ class Scanner {
     Reference ref_;
 };
 
-// manifest.tsv: column name -> value for one file.
-std::map<std::string, std::string> ManifestRow(const std::string& file) {
-    std::istringstream in(dbctest::ReadFile(refpack::CorpusFile("manifest.tsv")));
-    std::vector<std::string> head;
-    for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> cells;
-        std::istringstream ss(line);
-        for (std::string cell; std::getline(ss, cell, '\t');) cells.push_back(cell);
-        if (head.empty()) {
-            head = cells;
-        } else if (!cells.empty() && cells[0] == file) {
-            std::map<std::string, std::string> row;
-            for (size_t i = 0; i < cells.size() && i < head.size(); ++i) row[head[i]] = cells[i];
-            return row;
-        }
-    }
-    return {};
-}
-
 std::vector<std::string> CorpusFiles() {
     std::vector<std::string> files;
     std::string dir = fs::path(refpack::CorpusFile("manifest.tsv")).parent_path();
@@ -237,33 +211,40 @@ std::vector<std::string> CorpusFiles() {
     return files;
 }
 
-class DbcCorpus : public dbctest::Quiet, public ::testing::WithParamInterface<std::string> {
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+// The manifest.tsv row of a file, by column name.
+std::map<std::string, std::string> ManifestRow(const std::string& file) {
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string& line : Lines(dbctest::ReadFile(refpack::CorpusFile("manifest.tsv")))) {
+        std::istringstream ss(line);
+        rows.emplace_back();
+        for (std::string cell; std::getline(ss, cell, '\t');) rows.back().push_back(cell);
+    }
+    std::map<std::string, std::string> out;
+    for (const auto& row : rows)
+        for (size_t k = 0; k < row.size() && row[0] == file && k < rows[0].size(); ++k)
+            out[rows[0][k]] = row[k];
+    return out;
+}
+
+class Corpus : public dbctest::Quiet, public ::testing::WithParamInterface<std::string> {
   protected:
     void SetUp() override {
         if (GetParam().empty()) GTEST_SKIP() << "DBC corpus not found";
         path_ = refpack::CorpusFile(GetParam());
-        ref_ = Scanner(dbctest::ReadFile(path_)).Run();
+        text_ = dbctest::ReadFile(path_);
     }
-    std::string path_;
-    Reference ref_;
+    std::string path_, text_;
 };
 
-TEST_P(DbcCorpus, ModelMatchesReferenceAndManifest) {
-    DBCEx db;
-    EXPECT_EQ(ref_.loadOk, db.Load(path_, false)) << "only a repeated message id fails a load";
-    ExpectSame(ref_.model, Describe(db, "%a"));
-    EXPECT_EQ(ref_.loadOk ? ref_.model.size() : db.GetMessageCount(), db.GetMessageCount());
-
-    auto row = ManifestRow(GetParam());
-    ASSERT_FALSE(row.empty()) << "not in manifest.tsv";
-    EXPECT_EQ(row["has_j1939"] == "yes", db.GetProtocol() == 0) << "J1939 protocol flag";
-    EXPECT_EQ(row["has_extended_ids"] == "yes", ref_.extendedLine);
-    EXPECT_EQ(row["bo_lines"], std::to_string(ref_.boLines));
-}
-
-// Seeded edits of message and signal lines of a real file: dropped bytes,
-// repeated lines (repeated ids and names), lower-case keywords, lost
-// indentation, extra blank lines, CRLF ends. Loader and scanner must agree.
+// Seeded edits of BO_ and SG_ lines: dropped bytes, repeated lines, lower
+// case keywords, lost indentation, blank lines, CRLF ends.
 std::string EditLines(const std::string& text, unsigned seed) {
     std::vector<std::string> lines;
     std::vector<size_t> targets;
@@ -292,21 +273,24 @@ std::string EditLines(const std::string& text, unsigned seed) {
     return out;
 }
 
-TEST_P(DbcCorpus, LineEditsAgreeWithReference) {
+TEST_P(Corpus, LegacyModelAndLineEditsMatchTheScanner) {
+    Reference ref = Scanner(text_).Run();
+    DBCEx db;
+    EXPECT_EQ(ref.loadOk, db.Load(path_, false)) << "only a repeated message id fails a load";
+    ExpectSame(ref.model, Describe(db, "%a"));
     // Large files are cut at a line end: the edits need not walk megabytes.
-    std::string text = dbctest::ReadFile(path_);
-    if (text.size() > 400000) text.erase(text.rfind('\n', 400000) + 1);
+    if (text_.size() > 400000) text_.erase(text_.rfind('\n', 400000) + 1);
     for (unsigned seed = 1; seed <= 12 && !HasFatalFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        std::string edited = EditLines(text, seed);
-        Reference ref = Scanner(edited).Run();
-        DBC db;
-        EXPECT_EQ(ref.loadOk, db.LoadContent(edited));
-        ExpectSame(ref.model, Describe(db, "%a"));
+        std::string edited = EditLines(text_, seed);
+        ref = Scanner(edited).Run();
+        DBC again;
+        EXPECT_EQ(ref.loadOk, again.LoadContent(edited));
+        ExpectSame(ref.model, Describe(again, "%a"));
     }
 }
 
-TEST_P(DbcCorpus, WriterOutputLoadsBackToTheSameModel) {
+TEST_P(Corpus, LegacyWriterOutputLoadsBackToTheSameModel) {
     DBCEx db, again;
     db.Load(path_, false);
     dbctest::TempDir dir;
@@ -318,12 +302,92 @@ TEST_P(DbcCorpus, WriterOutputLoadsBackToTheSameModel) {
     ExpectSame(Describe(db, "%.7f", true), Describe(again, "%.7f"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, DbcCorpus, ::testing::ValuesIn(CorpusFiles()),
+// Every SG_ line (by a plain first-word scan) is a loaded signal or a
+// diagnosed line, and the counts agree with manifest.tsv.
+TEST_P(Corpus, NativeLoadsOrDiagnosesEverySignalLine) {
+    using namespace tarn::net;
+    Network net;
+    ASSERT_EQ(ReadStatus::Ok, ReadFile(path_, {}, net));
+    std::set<uint32_t> loaded, all, lostMessages;
+    for (const tarn::net::Signal& s : net.signals) loaded.insert(s.line);
+    all = loaded;
+    for (const Diagnostic& d : net.diagnostics) {
+        if (d.section == "SG_") all.insert(d.line);
+        if (d.section == "BO_") lostMessages.insert(d.line);
+    }
+    std::set<uint32_t> scanned;
+    bool j1939Default = false;
+    std::vector<std::string> lines = Lines(text_);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::istringstream in(lines[i]);
+        std::string word, name, value;
+        if (in >> word && word == "SG_") scanned.insert(static_cast<uint32_t>(i + 1));
+        if (word == "BA_DEF_DEF_" && in >> name >> value)
+            j1939Default |= name == "\"ProtocolType\"" && value.rfind("\"J1939\"", 0) == 0;
+    }
+    EXPECT_EQ(scanned, all);
+    EXPECT_EQ(loaded.size(), net.signals.size());
+    auto row = ManifestRow(GetParam());
+    ASSERT_FALSE(row.empty()) << "not in manifest.tsv";
+    EXPECT_EQ(std::stoul(row["sg_lines"]), all.size());
+    EXPECT_EQ(std::stoul(row["bo_lines"]), net.messages.size() + lostMessages.size());
+    EXPECT_EQ(row["has_j1939"] == "yes" || j1939Default, net.j1939);
+}
+
+// Written text reads back without diagnostics into as many objects, and
+// writes the same bytes again. Field values are checked by the reader tests.
+TEST_P(Corpus, NativeWriterRoundTrips) {
+    using namespace tarn::net;
+    auto counts = [](const Network& n) {
+        size_t muxValues = 0;  // the array may hold ranges no signal uses
+        for (const tarn::net::Signal& g : n.signals) muxValues += g.muxValues.count;
+        return std::vector<size_t>{n.messages.size(),   n.signals.size(), n.valueTexts.size(),
+                                   muxValues,           n.names.size(),   n.attrDefs.size(),
+                                   n.attrValues.size(), n.nodes.size(),   n.valueTables.size()};
+    };
+    Network first, second;
+    ASSERT_EQ(ReadStatus::Ok, ReadFile(path_, {}, first));
+    const std::string text = WriteDbc(first);
+    ASSERT_EQ(ReadStatus::Ok, Read(text, {}, second));
+    EXPECT_TRUE(second.diagnostics.empty())
+        << second.diagnostics.front().line << ": " << second.diagnostics.front().reason;
+    EXPECT_EQ(counts(first), counts(second));
+    EXPECT_EQ(first.j1939, second.j1939);
+    EXPECT_EQ(WriteDbc(second), text);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Corpus, ::testing::ValuesIn(CorpusFiles()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                              std::string name = info.param.empty() ? "NoCorpus" : info.param;
                              for (char& c : name)
                                  if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
                              return name;
                          });
+
+// The native reader's diagnostics over the corpus equal the reviewed list
+// (TARN_UPDATE_CORPUS_DIAGNOSTICS=1 rewrites it; review the change).
+TEST(NativeCorpus, DiagnosticsMatchTheReviewedList) {
+    const std::string expected =
+        std::string(TARN_SOURCE_DIR) + "/tests/unit/native_corpus_diagnostics.txt";
+    std::vector<std::string> got;
+    for (const std::string& file : CorpusFiles()) {
+        if (file.empty()) GTEST_SKIP() << "DBC corpus not found";
+        tarn::net::Network net;
+        ASSERT_EQ(tarn::net::ReadStatus::Ok, ReadFile(refpack::CorpusFile(file), {}, net));
+        for (const tarn::net::Diagnostic& d : net.diagnostics)
+            got.push_back(file + ":" + std::to_string(d.line) + ": " + std::string(d.section) +
+                          ": " + std::string(d.reason));
+    }
+    if (std::getenv("TARN_UPDATE_CORPUS_DIAGNOSTICS")) {
+        std::ofstream out(expected, std::ios::binary);
+        for (const std::string& line : got) out << line << '\n';
+        GTEST_SKIP() << "rewrote " << expected;
+    }
+    std::vector<std::string> want = Lines(dbctest::ReadFile(expected));
+    for (size_t i = 0; i < std::max(want.size(), got.size()); ++i) {
+        ASSERT_EQ(i < want.size() ? want[i] : "", i < got.size() ? got[i] : "")
+            << "first difference from " << expected;
+    }
+}
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Section parsers, table-driven: each case loads a DBC text, compares the
-// exact log messages and checks what the model holds afterwards.
+// The legacy reader's sections, one row per rule: a DBC text, the exact log
+// lines and what the model holds afterwards.
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -32,16 +32,14 @@ TEST_P(Sections, LoadsAndLogs) {
     if (c.check) c.check(*db);
 }
 
-std::string CaseName(const ::testing::TestParamInfo<Case>& info) {
-    return info.param.name;
-}
-
 std::string SG(const char* name, const char* def = "0|8@1+ (1,0) [0|0]", const char* unit = "") {
     return std::string(" SG_ ") + name + " : " + def + " \"" + unit + "\" X\n";
 }
 
-size_t SignalCount(const DBC& db, uint64_t id) {
-    return db.FindMsg(id) ? db.FindMsg(id)->signals.size() : 0;
+std::vector<NetworkNode*> Nodes(const DBC& db) {
+    std::vector<NetworkNode*> all;
+    db.GetAllNetworkNode(all);
+    return all;
 }
 
 std::string Descs(const DBC& db, const char* sig) {
@@ -64,18 +62,15 @@ const AttrDesc* Def(const DBC& db, const char* name) {
     return it == db.Impl()->AttrDefs().end() ? nullptr : it->second;
 }
 
-// Messages and node lists, and the driver's line handling around them.
 // clang-format off
-std::vector<Case> MessageCases() {
+std::vector<Case> Cases() {
+    const std::string m = "BO_ 100 M: 8 X\n" + SG("S") + SG("Sw M") + SG("P m1");
+    const std::string a = "BU_: Node\nBO_ 291 M: 8 X\n" + SG("S");
+    const std::string cycle = "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n";
+    const std::string proto = "BA_DEF_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" \"J1939\";\n";
     return {
-        {"Bit31KeptAsExtendedFlag", "BO_ 2147483905 X: 8 N\n", {},
-         [](auto& db) { EXPECT_TRUE(db.FindMsg(0x80000101u) && !db.FindMsg(0x101u)); }},
-        {"Bit30DropsMessageAndSignals", "BO_ 3221225472 X: 8 N\n" + SG("S") + "BO_ 1 Y: 8 N\n", {},
-         [](auto& db) {
-             EXPECT_EQ(1u, dbctest::Messages(db).size());
-             EXPECT_EQ(0u, SignalCount(db, 1)); }},
-        {"IdBaseFromPrefix", "BO_ 0x10 H: 1 N\nBO_ 010 O: 2 N\n", {}, [](auto& db) {
-             EXPECT_STREQ("H", db.FindMsg(16)->name);
+        {"IdBaseFromPrefix", "BO_ 0x10 $H_1: 1 N\nBO_ 010 O: 2 N\n", {}, [](auto& db) {
+             EXPECT_STREQ("$H_1", db.FindMsg(16)->name);
              EXPECT_STREQ("O", db.FindMsg(8)->name); }},
         {"BlankBeforeColonLosesLength", "BO_ 5 Name : 8 Node\n", {}, [](auto& db) {
              EXPECT_EQ(0u, db.FindMsg(5)->dlc);
@@ -96,39 +91,12 @@ std::vector<Case> MessageCases() {
              EXPECT_EQ(100.0, Sig(db, 1, "S")->maximum);
              EXPECT_EQ(80u, Sig(db, 1, "S")->rawZero);
              EXPECT_EQ(static_cast<uint64_t>(-5), Sig(db, 1, "Z")->rawZero) << "zero factor"; }},
-        {"MultiplexedValuesDescribeSwitch", "BO_ 100 A: 8 X\n" + SG("P m1") + SG("Sw M") +
-             SG("Q m2") + SG("R m3M") + SG("T m2"),
-         {}, [](auto& db) {
-             EXPECT_EQ("2=m2;3=m3;", Descs(db, "Sw")) << "none for P, defined before the switch";
-             EXPECT_EQ(3u, Sig(db, 100, "R")->multiplexerValue); }},
-        {"MissingColonEndsSignalList",
-         "BO_ 1 A: 8 X\n" + SG("S") + " SG_ T 0|8@1+ (1,0) [0|0] \"\" X\n" + SG("U"),
-         {"(3)m_char==':'"}, [](auto& db) { EXPECT_EQ(1u, SignalCount(db, 1)); }},
-        {"MalformedDefinitionEndsSignalList", "BO_ 1 A: 8 X\n" + SG("S", "0|x@1+ (1,0) [0|1]") +
-             SG("U"), {"(2)n==8"}, [](auto& db) { EXPECT_EQ(0u, SignalCount(db, 1)); }},
-        {"RepeatedSignalOverwritesKeepingPosition", "BO_ 1 A: 8 X\n" + SG("S") +
-             SG("T", "8|8@1+ (1,0) [0|0]") + SG("S", "16|4@1+ (2,0) [0|0]") + SG("U"),
-         {"(4) SG_ name not unique S"}, [](auto& db) {
-             EXPECT_EQ(16u, Sig(db, 1, "S")->startBit);
-             EXPECT_EQ(0u, Sig(db, 1, "S")->index);
-             EXPECT_EQ(2u, Sig(db, 1, "U")->index); }},
-        {"LowerCaseSgOnlyWhenIndented",
-         "BO_ 1 A: 8 X\n  sg_ S : 0|8@1+ (1,0) [0|0] \"\" X\nsg_ T : 8|8@1+ (1,0) [0|0] \"\" X\n",
-         {}, [](auto& db) { EXPECT_TRUE(Sig(db, 1, "S") && !Sig(db, 1, "T")); }},
-        {"EmptyCrLinesInsideSignalList", "BO_ 1 A: 8 X\r\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" X\r\n"
-         "\r\n\r\n SG_ T : 8|8@1+ (1,0) [0|0] \"\" X\r\n",
-         {}, [](auto& db) { EXPECT_EQ(2u, SignalCount(db, 1)); }},
-        {"OrphanSignalLineIgnored", SG("S") + "BO_ 1 A: 8 X\n", {},
-         [](auto& db) { EXPECT_EQ(0u, SignalCount(db, 1)); }},
         {"ValueTypeDecimalIdOnly",
          "BO_ 256 A: 8 X\n" + SG("S") + "SIG_VALTYPE_ 256 S : 1;\nsig_valtype_ 0x100 S : 2;\n", {},
          [](auto& db) { EXPECT_EQ(1u, Sig(db, 256, "S")->valueType); }},
-        {"NodesWithRepeat", "BU_: A A B\n", {"(1) BU_ name not unique A"},
-         [](auto& db) { EXPECT_EQ(2u, dbctest::Nodes(db).size()); }},
-        {"NodesWithoutColon", "BU_ A B\n", {"(1) loss ':' behind BU "},
-         [](auto& db) { EXPECT_TRUE(dbctest::Nodes(db).empty()); }},
-        {"NodeListEndsAtPunctuation", "BU_: A,B\nBU_: C\n", {},
-         [](auto& db) { EXPECT_EQ(2u, dbctest::Nodes(db).size()); }},
+        {"NodesRepeatPunctuationAndNoColon", "BU_: A A B,C\nBU_: D\nBU_ E\n",
+         {"(1) BU_ name not unique A", "(3) loss ':' behind BU "},
+         [](auto& db) { EXPECT_EQ(3u, Nodes(db).size()); }},
         {"KeywordsAreWholeWordsAfterBlanks",
          "BO_X 1 A: 8 X\nVERSION \"\"\nvErsion\n;\n BO_ 3 C: 8 X\nbo_ 4 D: 8 X\n", {}, [](auto& db) {
              EXPECT_TRUE(!db.FindMsg(1) && db.FindMsg(3) && db.FindMsg(4));
@@ -138,19 +106,13 @@ std::vector<Case> MessageCases() {
          [](auto& db) { EXPECT_TRUE(!db.FindMsg(1) && db.FindMsg(2) && db.FindMsg(3)); }},
         {"ErrorLinesFollowCrLfText", "VERSION \"\"\r\n\r\nBU_ A\r\nCM_ BO_ 5 \"x\";\r\n",
          {"(3) loss ':' behind BU ", "(4)NULL!=msg"}, {}},
-    };
-}
-
-std::vector<Case> TextCases() {
-    const std::string m = "BO_ 100 M: 8 X\n" + SG("S") + SG("Sw M") + SG("P m1");
-    return {
         {"MessageCommentHexId", m + "CM_ BO_ 0x64 \"hello\";\n", {},
          [](auto& db) { EXPECT_EQ("hello", db.FindMsg(100)->comment); }},
         {"MultiLineCommentCountsLines", m + "CM_ SG_ 100 S \"a\nb\nc\";\nCM_ BO_ 7 \"x\";\n",
          {"(8)NULL!=msg"}, [](auto& db) { EXPECT_EQ("a\nb\nc", Sig(db, 100, "S")->comment); }},
         {"LaterCommentReplacesAndEscapes",
-         m + "CM_ SG_ 100 S \"one\";\nCM_ SG_ 100 S \"say \\\"hi\\\"\";\n", {},
-         [](auto& db) { EXPECT_EQ("say \"hi\"", Sig(db, 100, "S")->comment); }},
+         m + "CM_ SG_ 100 S \"one\";\nCM_ SG_ 100 S \"say \\\"hi\\\" \\\\ a\\nb\";\n", {},
+         [](auto& db) { EXPECT_EQ("say \"hi\" \\ anb", Sig(db, 100, "S")->comment); }},
         {"UnknownCommentObject", m + "CM_ XX_ 1 \"t\";\nCM_ bo_ 100 \"u\";\n",
          {"(5) Unknown CM_", "(6) Unknown CM_"},
          [](auto& db) { EXPECT_EQ("", db.FindMsg(100)->comment); }},
@@ -173,15 +135,7 @@ std::vector<Case> TextCases() {
              EXPECT_EQ("1=x;", Descs(db, "S"));
              EXPECT_EQ(0u, db.GetProtocol()); }},
         {"TableForMissingSignal", m + "VAL_ 100 Nope 0 \"a\";\n", {"(5)NULL!=signal"}, {}},
-    };
-}
-
-std::vector<Case> AttrCases() {
-    const std::string m = "BU_: Node\nBO_ 291 M: 8 X\n" + SG("S");
-    const std::string cycle = "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n";
-    const std::string proto = "BA_DEF_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" \"J1939\";\n";
-    return {
-        {"MessageValueAndDefault", m + cycle +
+        {"MessageValueAndDefault", a + cycle +
              "BA_DEF_DEF_ \"GenMsgCycleTime\" 100;\nBA_ \"GenMsgCycleTime\" BO_ 0x123 20;\n", {},
          [](auto& db) {
              const AttrDesc* d = Def(db, "GenMsgCycleTime");
@@ -193,66 +147,48 @@ std::vector<Case> AttrCases() {
              ASSERT_NE(a, nullptr) << "hex message id";
              EXPECT_EQ(20, a->value.ival);
              EXPECT_EQ(d, a->desc); }},
-        {"ProtocolJ1939", m + proto, {}, [](auto& db) { EXPECT_EQ(0u, db.GetProtocol()); }},
-        {"ProtocolCaseSensitiveLastWins", m + proto + "BA_ \"ProtocolType\" \"j1939\";\n", {},
+        {"ProtocolJ1939", a + proto, {}, [](auto& db) { EXPECT_EQ(0u, db.GetProtocol()); }},
+        {"ProtocolCaseSensitiveLastWins", a + proto + "BA_ \"ProtocolType\" \"j1939\";\n", {},
          [](auto& db) { EXPECT_EQ(1u, db.GetProtocol()); }},
         {"ProtocolOnMessageIgnored",
-         m + "BA_DEF_ BO_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" BO_ 291 \"J1939\";\n", {},
+         a + "BA_DEF_ BO_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" BO_ 291 \"J1939\";\n", {},
          [](auto& db) { EXPECT_EQ(2u, db.GetProtocol()); }},
         {"EnumSkipsEmptyTextsAndTakesIndex",
-         m + "BA_DEF_ SG_ \"E\" ENUM \"A\",\"\",\"B\";\nBA_ \"E\" SG_ 291 S 1;\n", {}, [](auto& db) {
+         a + "BA_DEF_ SG_ \"E\" ENUM \"A\",\"\",\"B\";\nBA_ \"E\" SG_ 291 S 1;\n", {}, [](auto& db) {
              ASSERT_EQ(2u, Def(db, "E")->enums.size());
              EXPECT_STREQ("B", Def(db, "E")->enums[1]);
              EXPECT_EQ(1u, FindAttr(Sig(db, 291, "S")->attrs, "E")->value.uval); }},
         {"DuplicateDefinitionAndUndefinedValue",
-         m + cycle + "BA_DEF_ \"GenMsgCycleTime\" FLOAT 0 1;\nBA_ \"Nope\" 3;\n",
+         a + cycle + "BA_DEF_ \"GenMsgCycleTime\" FLOAT 0 1;\nBA_ \"Nope\" 3;\n",
          {"(5) BA_DEF name errorGenMsgCycleTime", "(6) can not find BA_DEF_DEF_ attribute_nameNope"},
          [](auto& db) { EXPECT_EQ(ATTR_INT, Def(db, "GenMsgCycleTime")->type); }},
-        {"UndefinedDefault", m + "BA_DEF_DEF_ \"Nope\" 1;\n",
+        {"UndefinedDefault", a + "BA_DEF_DEF_ \"Nope\" 1;\n",
          {"(4) can not find BA_DEF_DEF_ attribute_nameNope"}, {}},
-        {"FloatRangeWithOneNumber", m + "BA_DEF_ \"F\" FLOAT 2.5;\nBA_DEF_DEF_ \"F\" 1.25;\n", {},
+        {"FloatRangeWithOneNumber", a + "BA_DEF_ \"F\" FLOAT 2.5;\nBA_DEF_DEF_ \"F\" 1.25;\n", {},
          [](auto& db) {
              EXPECT_EQ(2.5, Def(db, "F")->fmin);
              EXPECT_EQ(0.0, Def(db, "F")->fmax);
              EXPECT_EQ(1.25, Def(db, "F")->defVal.fval); }},
-        {"HexRangeAndSecondDefaultWins", m + "BA_DEF_ BU_ \"H\" HEX 1 255;\nBA_DEF_DEF_ \"H\" 3;\n"
+        {"HexRangeAndSecondDefaultWins", a + "BA_DEF_ BU_ \"H\" HEX 1 255;\nBA_DEF_DEF_ \"H\" 3;\n"
              "BA_DEF_DEF_ \"H\" 4;\nBA_ \"H\" BU_ Node 9;\nBA_ \"H\" BU_ Ghost 9;\n", {},
          [](auto& db) {
              EXPECT_EQ(255u, Def(db, "H")->hmax);
              EXPECT_EQ(4u, Def(db, "H")->defVal.uval);
-             ASSERT_EQ(1u, dbctest::Nodes(db).at(0)->attrs.size());
-             EXPECT_EQ(9u, dbctest::Nodes(db)[0]->attrs[0].value.uval); }},
-        {"UnknownTypeWordBecomesInt", m + "BA_DEF_ \"W\" WORD 1 2;\n", {"Unknown typeWORD"},
+             ASSERT_EQ(1u, Nodes(db)[0]->attrs.size());
+             EXPECT_EQ(9u, Nodes(db)[0]->attrs[0].value.uval); }},
+        {"UnknownTypeWordBecomesInt", a + "BA_DEF_ \"W\" WORD 1 2;\n", {"Unknown typeWORD"},
          [](auto& db) { EXPECT_EQ(2, Def(db, "W")->imax); }},
-        {"UnknownObjectStillParsed", m + "BA_DEF_ \"T\" STRING;\nBA_ \"T\" XX_ \"v\";\n",
+        {"UnknownObjectStillParsed", a + "BA_DEF_ \"T\" STRING;\nBA_ \"T\" XX_ \"v\";\n",
          {"(5) Unknown BA_"}, {}},
-        {"MissingTargets", m + cycle + "BA_DEF_ SG_ \"G\" INT 0 1;\n"
+        {"MissingTargets", a + cycle + "BA_DEF_ SG_ \"G\" INT 0 1;\n"
              "BA_ \"GenMsgCycleTime\" BO_ 999 1;\nBA_ \"G\" SG_ 291 Nope 1;\n",
          {"(6) Find msg failed! BO_ id=999 ", "(7)NULL!=signal"}, {}},
     };
 }
 // clang-format on
 
-INSTANTIATE_TEST_SUITE_P(Messages, Sections, ::testing::ValuesIn(MessageCases()), CaseName);
-INSTANTIATE_TEST_SUITE_P(Text, Sections, ::testing::ValuesIn(TextCases()), CaseName);
-INSTANTIATE_TEST_SUITE_P(Attributes, Sections, ::testing::ValuesIn(AttrCases()), CaseName);
-
-// The record-order lists follow the file only while the flag is set.
-TEST(RecordOrder, ListsFilledOnlyWhenOrdered) {
-    std::string text = "BO_ 2 B: 8 X\n" + SG("S") + "BO_ 1 A: 8 X\n" + SG("S") +
-                       "CM_ \"n\";\nBA_DEF_ \"T\" STRING;\nBA_ \"T\" \"v\";\nVAL_ E 1 \"x\";\n";
-    for (size_t ordered : {0, 1}) {
-        auto db = dbctest::Load(text, ordered);
-        const DBCImpl* impl = db->Impl();
-        EXPECT_EQ(2 * ordered, impl->MsgList().size());
-        EXPECT_EQ(ordered, impl->Comments().size());
-        EXPECT_EQ(ordered, impl->AttrDefList().size());
-        EXPECT_EQ(ordered, impl->AttrList().size());
-        EXPECT_EQ(ordered, impl->Vals().size());
-        EXPECT_EQ(ordered, db->FindMsg(2)->signalList.size());
-        EXPECT_EQ(ordered ? 2u : 0u, ordered ? impl->MsgList()[0]->id : 0u) << "file order";
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Rules, Sections, ::testing::ValuesIn(Cases()),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // Property: the signal definition parser agrees with sscanf, the reference,
 // field by field and bit for bit, on definitions built from tricky tokens:
