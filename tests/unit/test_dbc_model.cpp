@@ -1,9 +1,7 @@
-// The database model: interning, lookups, DBCEx snapshots and cursor, and the
-// load entry points. Iteration and merging through the C interface are
-// covered by the interface tests; this keeps what only the model shows.
+// The legacy model beneath the C interface: interning, lookups, load
+// failures and the message cursor across reloads.
 #include <cmath>
 #include <limits>
-#include <random>
 
 #include "unit/dbc_test_util.h"
 
@@ -11,9 +9,7 @@ namespace {
 
 using dbc_detail::Atoms;
 
-// Texts made of "Aa"/"BB" blocks all share one value of the classic x31
-// string hash; a table keyed on such a hash would chain them all in one
-// bucket and intern in quadratic time. They must spread out instead.
+// "Aa"/"BB" blocks share one x31 string hash: crafted names must not chain in one bucket.
 TEST(Atoms, CollidingTextsSpreadOverBuckets) {
     Atoms atoms;
     for (unsigned bits = 0; bits < 4096; ++bits) {
@@ -23,26 +19,6 @@ TEST(Atoms, CollidingTextsSpreadOverBuckets) {
     }
     EXPECT_EQ(4096u, atoms.size());
     EXPECT_LE(atoms.LongestChain(), 12u);
-}
-
-// Growth moves nodes between buckets: every atom must keep its pointer and
-// its text, equal texts share one pointer, and find never inserts.
-TEST(Atoms, GrowthKeepsEveryAtom) {
-    Atoms atoms;
-    std::vector<std::pair<std::string, const char*>> seen;
-    std::mt19937 rng(7);
-    for (int i = 0; i < 40000; ++i) {
-        std::string s = "n" + std::to_string(rng()) + std::string(rng() % 40, 'x');
-        seen.emplace_back(s, atoms.intern(s));
-    }
-    seen.emplace_back(std::string(100000, 'z'), atoms.intern(std::string(100000, 'z')));
-    for (const auto& [text, atom] : seen) {
-        EXPECT_EQ(atom, atoms.intern(text.c_str(), text.size()));
-        EXPECT_EQ(text, atom);
-    }
-    uint64_t before = atoms.size();
-    EXPECT_EQ(nullptr, atoms.find("never"));
-    EXPECT_EQ(before, atoms.size());
 }
 
 const char* const kModel =
@@ -95,35 +71,6 @@ struct Counter : IDBCListener {
     void OnLoad() override { ++calls; }
 };
 
-// Files that cannot be read whole (missing, empty, a directory) fail with a
-// log line and leave the model as it was; a file load resets the protocol,
-// a content load does not; the listener hears every load.
-TEST(Loading, FailuresKeepTheModelAndProtocolResetsOnFileLoads) {
-    dbctest::TempDir dir;
-    std::string empty = dir.Write("empty.dbc", ""), plain = dir.Write("a.dbc", "BO_ 1 A: 8 X\n");
-    dbctest::LogCapture log;
-    DBCEx db;
-    Counter counter;
-    db.SetListener(&counter);
-    EXPECT_FALSE(db.Load("", false));
-    EXPECT_FALSE(db.Load("/nonexistent/x.dbc", false));
-    ASSERT_TRUE(
-        db.LoadContent("BA_DEF_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" \"J1939\";\n"));
-    EXPECT_TRUE(db.LoadContent("BO_ 2 B: 8 X\n"));
-    EXPECT_EQ(0u, db.GetProtocol());
-    EXPECT_FALSE(db.Load(empty, false));
-    EXPECT_FALSE(db.Load(dir.Path(), false));
-    EXPECT_NE(db.FindMsg(2), nullptr);
-    EXPECT_EQ(1u, db.GetMessageCount());
-    EXPECT_TRUE(db.Load(plain, false));
-    EXPECT_EQ(2u, db.GetProtocol());
-    EXPECT_EQ(7, counter.calls);
-    EXPECT_EQ((std::vector<std::string>{"(0) Fail to load file: /nonexistent/x.dbc",
-                                        "(2) Fail to load file: " + empty,
-                                        "(2) Fail to load file: " + dir.Path()}),
-              log.Messages());
-}
-
 bool CollectIds(void* ctx, uint64_t index, const Message& msg) {
     auto* ids = static_cast<std::vector<uint64_t>*>(ctx);
     EXPECT_EQ(ids->size(), index);
@@ -131,40 +78,50 @@ bool CollectIds(void* ctx, uint64_t index, const Message& msg) {
     return msg.id != 9;
 }
 
-// ForEach stops after a false result; a cursor beyond a smaller reload
-// stops safely; a failed load without merging leaves a snapshot of live
-// messages (ASan watches the reads); a failed merge logs and keeps them.
-TEST(DBCExCursor, ForEachReloadsAndFailedLoads) {
+// Unreadable files (missing, empty, a directory) fail, log and keep the
+// model; a failed load without merging leaves a snapshot of live messages
+// (ASan watches the reads), a failed merge keeps them; a cursor beyond a
+// smaller reload stops; file loads reset the protocol, content loads do not.
+TEST(DBCEx, LoadFailuresCursorAndProtocol) {
+    dbctest::TempDir dir;
+    std::string empty = dir.Write("empty.dbc", ""),
+                two = dir.Write("m.dbc", "BO_ 1 A: 8 N\nBO_ 2 B: 8 N\n");
     dbctest::LogCapture log;
     DBCEx db;
+    Counter counter;
+    db.SetListener(&counter);
     Message out;
     EXPECT_FALSE(db.GetFirstMessage(&out));
-    ASSERT_TRUE(db.LoadContent(kModel));
+    for (const std::string& bad :
+         {std::string(), std::string("/nonexistent/x.dbc"), empty, dir.Path()})
+        EXPECT_FALSE(db.Load(bad, false));
+    ASSERT_TRUE(
+        db.LoadContent(std::string(kModel) +
+                       "BA_DEF_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" \"J1939\";\n"));
+    EXPECT_EQ(4u, db.GetMessageCount());
     std::vector<uint64_t> visited;
     db.ForEach(CollectIds, &visited);
     EXPECT_EQ((std::vector<uint64_t>{1, 5, 9}), visited);
-
     ASSERT_TRUE(db.GetFirstMessage(&out));
     while (db.GetNextMessage(&out)) {
     }
-    ASSERT_TRUE(db.LoadContent("BO_ 1 A: 8 X\n"));
+    EXPECT_TRUE(db.LoadContent("BO_ 1 A: 8 X\n"));
+    EXPECT_EQ(0u, db.GetProtocol());
     EXPECT_FALSE(db.GetNextMessage(&out));
 
     EXPECT_FALSE(db.LoadContent("BO_ 7 A: 8 X\nBO_ 7 B: 8 X\n"));
     ASSERT_EQ(1u, db.GetMessageCount());
     ASSERT_TRUE(db.GetFirstMessage(&out));
     EXPECT_EQ(7u, out.id);
-
-    dbctest::TempDir dir;
-    std::string path = dir.Write("m.dbc", "BU_: N\nBO_ 1 A: 8 N\nBO_ 2 B: 8 N\n");
-    ASSERT_TRUE(db.Load(path, false));
-    EXPECT_FALSE(db.Load(path, true));
+    ASSERT_TRUE(db.Load(two, false));
+    EXPECT_EQ(2u, db.GetProtocol());
+    EXPECT_FALSE(db.Load(two, true));
     EXPECT_EQ(2u, db.GetMessageCount());
-    ASSERT_TRUE(db.GetFirstMessage(&out) && db.GetNextMessage(&out));
-    EXPECT_EQ(2u, out.id);
-    EXPECT_EQ((std::vector<std::string>{"(3) BO_ id not unique : 7", "(3)ParseBO()",
-                                        "(2) BU_ name not unique N", "(3) BO_ id not unique : 1",
-                                        "(3)ParseBO()"}),
+    EXPECT_EQ(9, counter.calls);
+    EXPECT_EQ((std::vector<std::string>{
+                  "(0) Fail to load file: /nonexistent/x.dbc", "(0) Fail to load file: " + empty,
+                  "(0) Fail to load file: " + dir.Path(), "(3) BO_ id not unique : 7",
+                  "(3)ParseBO()", "(2) BO_ id not unique : 1", "(2)ParseBO()"}),
               log.Messages());
 }
 
