@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "unit/dbc_test_util.h"
 
@@ -190,10 +191,8 @@ std::vector<Case> Cases() {
 INSTANTIATE_TEST_SUITE_P(Rules, Sections, ::testing::ValuesIn(Cases()),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Property: the signal definition parser agrees with sscanf, the reference,
-// field by field and bit for bit, on definitions built from tricky tokens:
-// overflowing integers, denormals, hex floats, inf/nan spellings, cut-off
-// exponents and a number of several hundred digits.
+// The signal definition parser converts as sscanf does, bit for bit, also on
+// overflows, denormals, hex floats, inf/nan spellings and cut-off exponents.
 TEST(SignalDefinition, AgreesWithSscanfOnGeneratedTexts) {
     // clang-format off
     const std::vector<std::string> ints = {"0", "7", "00010", "4294967295", "4294967296",
@@ -216,21 +215,17 @@ TEST(SignalDefinition, AgreesWithSscanfOnGeneratedTexts) {
                             &want.length, &want.byteOrder, &want.sign, &want.factor, &want.offset,
                             &want.minimum, &want.maximum);
         ASSERT_EQ(std::max(m, 0), n) << text;
-        EXPECT_EQ(want.startBit, got.startBit) << text;
-        EXPECT_EQ(want.length, got.length) << text;
-        EXPECT_EQ(want.byteOrder, got.byteOrder) << text;
-        EXPECT_EQ(want.sign, got.sign) << text;
+        EXPECT_EQ(std::tie(want.startBit, want.length, want.byteOrder, want.sign),
+                  std::tie(got.startBit, got.length, got.byteOrder, got.sign))
+            << text;
         const double w[] = {want.factor, want.offset, want.minimum, want.maximum};
         const double g[] = {got.factor, got.offset, got.minimum, got.maximum};
         EXPECT_EQ(0, std::memcmp(w, g, sizeof w)) << text;
     }
 }
 
-// Property: the pairs that multiplexed signals add to their switch match a
-// direct simulation of the rule (switch = the "M" signal with the smallest
-// name pointer among those defined so far; a repeated definition replaces
-// its signal and drops its pairs), over random signal lists whose names
-// were interned in random order.
+// The "mN" pairs added to the switch match a simulation: the switch is the
+// "M" signal with the smallest name pointer so far; a redefinition drops its pairs.
 TEST(Multiplexing, SwitchPairsMatchASimulation) {
     std::mt19937 rng(99);
     for (int round = 0; round < 200; ++round) {

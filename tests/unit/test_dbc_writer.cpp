@@ -1,5 +1,4 @@
-// The DBC writer: number formatting against printf and exact output lines.
-// Reloading the output of real files is covered by the corpus test.
+// The legacy writer: numbers as printf prints them, and exact output lines.
 #include <cmath>
 #include <cstdio>
 #include <random>
@@ -8,8 +7,7 @@
 
 namespace {
 
-// Property: numbers print as printf's "%.7f" (its rounding included) with
-// trailing zeros and a trailing point removed.
+// Numbers print as printf's "%.7f" (its rounding included) less trailing zeros.
 TEST(Double2String, IsPrintfSevenDecimalsTrimmed) {
     std::mt19937_64 rng(11);
     std::vector<double> values = {0.00000005, 0.00000006,  -0.0,    1e-8,     -1e-8,
@@ -36,6 +34,7 @@ const char* const kFile =
     "BO_ 200 Second: 8 ECU\n"
     " SG_ Sw M : 0|8@1+ (1,0) [0|255] \"\" ECU\n"
     " SG_ Mx m3 : 8|8@0- (0.1,-40) [-40|100] \"degC\" ECU,Other\n"
+    " SG_ P m : 16|8@1+ (1,0) [0|0] \"\" ECU\n"
     "BO_ 100 First: 2 ECU\n"
     "CM_ \"network\";\nCM_ BO_ 100 \"say \\\"hi\\\"\";\nCM_ SG_ 200 Sw \"sw\";\n"
     "CM_ BU_ ECU \"node\";\nCM_ EV_ Var \"env\";\n"
@@ -51,6 +50,7 @@ const char* const kSecond =
     "BO_ 200 Second: 8 ECU\r\n"
     " SG_ Sw M : 0|8@1+ (1,0) [0|255] \"\" Vector__XXX\r\n"
     " SG_ Mx m3 : 8|8@0- (0.1,-40) [-40|100] \"degC\" Vector__XXX\r\n"
+    " SG_ P m 0 : 16|8@1+ (1,0) [0|0] \"\" Vector__XXX\r\n"
     "\r\n";
 
 std::string DumpOf(const std::string& text, bool ordered) {
@@ -59,7 +59,7 @@ std::string DumpOf(const std::string& text, bool ordered) {
 }
 
 // Without the record-order flag only messages (by id) are written; with it
-// every section follows the file.
+// every section, in file order.
 TEST(Writer, OutputLinesExactly) {
     EXPECT_EQ(std::string("BO_ 100 First: 2 ECU\r\n\r\n") + kSecond + "\r\n\r\n\r\n",
               DumpOf(kFile, false));
@@ -89,22 +89,6 @@ TEST(Writer, OutputLinesExactly) {
                   "VAL_ 200 Sw 3 \"three\" 4 \"four\" ;\r\n"
                   "\r\n",
               DumpOf(kFile, true));
-}
-
-TEST(Writer, PlainMultiplexIndicatorPrintsItsValue) {
-    Message m;
-    m.id = 0x80000001u;
-    m.dlc = 8;
-    m.name = "N";
-    m.transmitter = "T";
-    Signal& s = m.signals["S"];
-    s.name = "S";
-    s.unit = "";
-    s.multiplexer = "m";
-    s.multiplexerValue = 7;
-    s.factor = 1;
-    EXPECT_EQ("BO_ 2147483649 N: 8 T\r\n SG_ S m 7 : 0|0@1+ (1,0) [0|0] \"\" Vector__XXX\r\n",
-              m.Dump());
 }
 
 }  // namespace
