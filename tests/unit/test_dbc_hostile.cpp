@@ -137,7 +137,7 @@ TEST_F(Hostile, HandMadeTextsLoadIntoAConsistentModel) {
         "BA_DEF_ \"E\" ENUM " + Repeat("\"a\",", 100000) + "\"b\";\n",
         kMsg + kSig + "VAL_ 100 S" + Repeat(" 0 \"a\"", 100000) + " ;\n",
         Repeat("BO_ 5 A: 8 X\n", 10000),
-        kMsg + Repeat(kSig, 50000),
+        kMsg + Repeat(kSig + " SG_ T : 8|8@1+ (1,0) [0|1] \"\" X\n", 50000),
         "NS_ :\n" + Repeat("\tX\n", 100000) + "BO_ 1 A: 8 X\n",
         Repeat(";\n\nx\n SG_ o\nEV_ e\n\t\nBO_TX_BU_ 1 : A;\n}\n", 125000) + kMsg + kSig,
     };
@@ -146,9 +146,10 @@ TEST_F(Hostile, HandMadeTextsLoadIntoAConsistentModel) {
 
 TEST(HostileOutcome, TextEndsAtTheFirstNulAndOversizedIdsGoByTheirBits) {
     DBC db;
-    // strtoul saturates to all ones (bits 29/30 set: dropped); 2^32 has neither bit.
+    // strtoul saturates to all ones, dropped with ids of bit 29 or 30; 2^32 has neither.
     EXPECT_TRUE(
         db.LoadContent(Lit("BO_ 99999999999999999999 A: 8 X\nBO_ 4294967296 B: 8 X\n"
+                           "BO_ 1073741824 C: 8 X\nBO_ 536870912 D: 8 X\n"
                            "\0BO_ 2 C: 8 X\n")));
     ASSERT_EQ(1u, dbctest::Messages(db).size());
     EXPECT_STREQ("B", db.FindMsg(4294967296ull)->name);

@@ -9,16 +9,27 @@ namespace {
 
 using dbc_detail::Atoms;
 
-// "Aa"/"BB" blocks share one x31 string hash: crafted names must not chain in one bucket.
-TEST(Atoms, CollidingTextsSpreadOverBuckets) {
+// "Aa"/"BB" blocks share one x31 string hash: crafted names must not chain in
+// one bucket. Growth must keep every atom's pointer and text; a name larger
+// than an arena block gets its own (ASan watches the copy).
+TEST(Atoms, CollidingTextsSpreadAndGrowthKeepsEveryAtom) {
     Atoms atoms;
+    std::vector<std::pair<std::string, const char*>> seen;
     for (unsigned bits = 0; bits < 4096; ++bits) {
         std::string s;
         for (int b = 0; b < 12; ++b) s += (bits >> b) & 1 ? "BB" : "Aa";
-        ASSERT_NE(atoms.intern(s), nullptr);
+        seen.emplace_back(s, atoms.intern(s));
     }
-    EXPECT_EQ(4096u, atoms.size());
     EXPECT_LE(atoms.LongestChain(), 12u);
+    for (int i = 0; i < 40000; ++i) seen.emplace_back("n" + std::to_string(i), nullptr);
+    seen.emplace_back(std::string(100000, 'z'), nullptr);
+    for (size_t i = 4096; i < seen.size(); ++i) seen[i].second = atoms.intern(seen[i].first);
+    for (const auto& [text, atom] : seen) {
+        EXPECT_EQ(atom, atoms.intern(text.c_str(), text.size()));
+        EXPECT_EQ(text, atom);
+    }
+    EXPECT_EQ(nullptr, atoms.find("never"));
+    EXPECT_EQ(seen.size(), atoms.size());
 }
 
 const char* const kModel =

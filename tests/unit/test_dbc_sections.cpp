@@ -92,6 +92,9 @@ std::vector<Case> Cases() {
              EXPECT_EQ(100.0, Sig(db, 1, "S")->maximum);
              EXPECT_EQ(80u, Sig(db, 1, "S")->rawZero);
              EXPECT_EQ(static_cast<uint64_t>(-5), Sig(db, 1, "Z")->rawZero) << "zero factor"; }},
+        {"BlankCrLinesAndIndentedLowerCaseSg", "BO_ 1 A: 8 X\r\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" X\r\n"
+             "\r\n\r\n  sg_ T : 8|8@1+ (1,0) [0|0] \"\" X\r\nsg_ U : 16|8@1+ (1,0) [0|0] \"\" X\r\n",
+         {}, [](auto& db) { EXPECT_TRUE(Sig(db, 1, "S") && Sig(db, 1, "T") && !Sig(db, 1, "U")); }},
         {"ValueTypeDecimalIdOnly",
          "BO_ 256 A: 8 X\n" + SG("S") + "SIG_VALTYPE_ 256 S : 1;\nsig_valtype_ 0x100 S : 2;\n", {},
          [](auto& db) { EXPECT_EQ(1u, Sig(db, 256, "S")->valueType); }},
@@ -237,7 +240,7 @@ TEST(Multiplexing, SwitchPairsMatchASimulation) {
         std::vector<std::pair<std::string, std::string>> lines;
         for (int i = 0; i < 12; ++i) {
             int kind = static_cast<int>(rng() % 3);
-            std::string ind = kind == 0 ? "M" : kind == 1 ? "m" + std::to_string(rng() % 4) : "";
+            std::string ind = kind == 0 ? "M" : kind == 1 ? "m" + std::to_string(rng() % 12) : "";
             lines.emplace_back(names[rng() % names.size()], ind);
             text += SG((lines.back().first + " " + ind).c_str());
         }
@@ -248,7 +251,7 @@ TEST(Multiplexing, SwitchPairsMatchASimulation) {
         for (const auto& [name, ind] : lines) {
             auto sw = std::find_if(ref.begin(), ref.end(),
                                    [](const auto& kv) { return kv.second.first == "M"; });
-            // Indicators are "M", "m0".."m3" or none; a pair is "value=indicator".
+            // Indicators are "M", "m0".."m11" or none; a pair is "value=indicator".
             std::string pair = ind.empty() ? "" : ind.substr(1) + "=" + ind + ";";
             if (ind[0] == 'm' && sw != ref.end() &&
                 sw->second.second.find(pair) == std::string::npos)
