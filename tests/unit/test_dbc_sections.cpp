@@ -137,7 +137,11 @@ std::vector<Case> Cases() {
          [](auto& db) {
              EXPECT_EQ("c", Sig(db, 100, "S")->comment);
              EXPECT_EQ("1=x;", Descs(db, "S"));
-             EXPECT_EQ(0u, db.GetProtocol()); }},
+             EXPECT_EQ(0u, db.GetProtocol());
+             const DBCImpl& impl = *db.Impl();  // file-order lists only when asked for
+             EXPECT_TRUE(impl.Comments().empty() && impl.AttrDefList().empty() &&
+                         impl.AttrList().empty() && impl.Vals().empty() &&
+                         db.FindMsg(100)->signalList.empty()); }},
         {"TableForMissingSignal", m + "VAL_ 100 Nope 0 \"a\";\n", {"(5)NULL!=signal"}, {}},
         {"MessageValueAndDefault", a + cycle +
              "BA_DEF_DEF_ \"GenMsgCycleTime\" 100;\nBA_ \"GenMsgCycleTime\" BO_ 0x123 20;\n", {},
