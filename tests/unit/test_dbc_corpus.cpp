@@ -356,6 +356,44 @@ TEST_P(Corpus, NativeWriterRoundTrips) {
     EXPECT_EQ(WriteDbc(second), text);
 }
 
+// Two readers that share no code agree on every signal both read whole.
+TEST_P(Corpus, ReadersAgreeOnTheSignalsBothRead) {
+    DBCEx legacy;
+    legacy.Load(path_, false);
+    tarn::net::Network net;
+    ASSERT_EQ(tarn::net::ReadStatus::Ok, tarn::net::Read(text_, {}, net));
+    std::set<uint32_t> diagnosed;
+    for (const tarn::net::Diagnostic& d : net.diagnostics) diagnosed.insert(d.line);
+    for (const Message* m : dbctest::Messages(legacy)) {
+        const tarn::net::Message* n =
+            net.FindMessage(static_cast<uint32_t>(m->id & 0x1FFFFFFF), (m->id >> 31) & 1);
+        // Where the native reader dropped the message or one of its lines, the readers differ.
+        const uint32_t end =
+            n && n + 1 < net.messages.data() + net.messages.size() ? n[1].line : ~0u;
+        if (!n || diagnosed.lower_bound(n->line) != diagnosed.lower_bound(end)) continue;
+        for (const auto& [name, s] : m->signals) {
+            int32_t k = net.FindSignal(*n, name);
+            ASSERT_GE(k, 0) << name;
+            const tarn::net::Signal& g = net.signals[n->signals.first + k];
+            // Only the native reader converts Windows-1252 units and reads SG_MUL_VAL_.
+            std::string unit = Str(s.unit),
+                        mux = s.multiplexer.empty() ? "" : s.multiplexer.substr(0, 1);
+            if (std::any_of(unit.begin(), unit.end(), [](char c) { return c & 0x80; }))
+                unit = g.unit;
+            if (s.multiplexer.size() > 1 && s.multiplexer.back() == 'M') mux += "M";
+            char want[600], got[600];
+            std::snprintf(want, sizeof want, "%u|%u@%d%d (%a,%a) [%a|%a] \"%s\" %s", s.startBit,
+                          s.length, s.bigEndian, s.isSigned, s.factor, s.offset, s.minimum,
+                          s.maximum, unit.c_str(), mux.c_str());
+            std::snprintf(got, sizeof got, "%u|%u@%d%d (%a,%a) [%a|%a] \"%s\" %s%s", g.startBit,
+                          g.length, g.bigEndian, g.isSigned, g.factor, g.offset, g.minimum,
+                          g.maximum, std::string(g.unit).c_str(), g.switchIndex >= 0 ? "m" : "",
+                          g.isSwitch ? "M" : "");
+            EXPECT_STREQ(want, got) << Str(m->name) << "." << name;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Files, Corpus, ::testing::ValuesIn(CorpusFiles()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                              std::string name = info.param.empty() ? "NoCorpus" : info.param;
