@@ -51,23 +51,12 @@ TEST(Lookups, IdsNamesAndSignals) {
     EXPECT_EQ(db->FindSignal(db->FindMsg(5), "Unseen"), nullptr);
     EXPECT_EQ(before, db->Impl()->GetAtoms().size()) << "lookups must not intern";
     EXPECT_EQ(db->FindSignal(nullptr, "S"), nullptr);
-    uint64_t id = 0;
-    EXPECT_EQ(db->Impl()->FindSignal("A", "T", id), dbctest::Sig(*db, 9, "T"));
-    EXPECT_EQ(9u, id);
-    EXPECT_EQ(db->Impl()->FindSignal("A", "S", id), nullptr) << "S lives in the id-5 message";
-
     EXPECT_NE(DBCImpl::GetMultiplexerSwitchSignal(db->FindMsg(1)), nullptr);
     EXPECT_EQ(DBCImpl::GetMultiplexerSwitchSignal(db->FindMsg(5)), nullptr);
 }
 
-TEST(Lookups, ValueDescriptionsAndRawZeroTruncation) {
-    std::vector<ValPair> pairs(2);
-    pairs[0].value = 3.0;
-    pairs[1].value = std::nan("");
-    EXPECT_TRUE(DBCImpl::FindValDescPair(pairs, 3.0));
-    EXPECT_FALSE(DBCImpl::FindValDescPair(pairs, 3.0000001));
-    EXPECT_FALSE(DBCImpl::FindValDescPair(pairs, std::nan("")));
-    // Toward zero, as two's complement; saturating; NaN is 0.
+TEST(Lookups, RawZeroTruncatesTowardZero) {
+    // As two's complement; saturating; NaN is 0.
     const std::pair<double, uint64_t> cases[] = {{-5.0, static_cast<uint64_t>(-5)},
                                                  {2.9, 2},
                                                  {-2.9, static_cast<uint64_t>(-2)},

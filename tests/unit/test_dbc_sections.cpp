@@ -117,21 +117,16 @@ std::vector<Case> Cases() {
         {"LaterCommentReplacesAndEscapes",
          m + "CM_ SG_ 100 S \"one\";\nCM_ SG_ 100 S \"say \\\"hi\\\" \\\\ a\\nb\";\n", {},
          [](auto& db) { EXPECT_EQ("say \"hi\" \\ anb", Sig(db, 100, "S")->comment); }},
-        {"UnknownCommentObject", m + "CM_ XX_ 1 \"t\";\nCM_ bo_ 100 \"u\";\n",
-         {"(5) Unknown CM_", "(6) Unknown CM_"},
+        {"CommentTargets", m + "CM_ XX_ 1 \"t\";\nCM_ bo_ 100 \"u\";\nCM_ SG_ 100 Nope \"t\";\n"
+             "CM_ BU_ X \"n\";\nCM_ EV_ V \"e\";\n",
+         {"(5) Unknown CM_", "(6) Unknown CM_", "(7)NULL!=signal"},
          [](auto& db) { EXPECT_EQ("", db.FindMsg(100)->comment); }},
-        {"CommentForMissingSignal", m + "CM_ SG_ 100 Nope \"t\";\n", {"(5)NULL!=signal"}, {}},
-        {"NodeAndVariableCommentsIgnored", m + "CM_ BU_ X \"n\";\nCM_ EV_ V \"e\";\n", {}, {}},
-        {"ValueTable", m + "VAL_ 100 S 0 \"Off\" 0x10 \"On\" ;\n", {},
-         [](auto& db) { EXPECT_EQ("0=Off;16=On;", Descs(db, "S")); }},
-        {"NegativeValueEndsTable", m + "VAL_ 100 S 0 \"a\" -1 \"b\" 2 \"c\";\n", {},
-         [](auto& db) { EXPECT_EQ("0=a;", Descs(db, "S")); }},
-        {"FractionalValueEndsTable", m + "VAL_ 100 S 0 \"a\" 1.5 \"b\";\n", {},
-         [](auto& db) { EXPECT_EQ("0=a;1=;", Descs(db, "S")); }},
-        {"TableReplacesMultiplexPairs", m + "VAL_ 100 Sw 7 \"seven\";\n", {},
-         [](auto& db) { EXPECT_EQ("7=seven;", Descs(db, "Sw")); }},
-        {"EnvironmentTableChangesNothing", m + "VAL_ S 0 \"a\";\n", {},
-         [](auto& db) { EXPECT_EQ("", Descs(db, "S")); }},
+        {"ValueTables", m + "VAL_ 100 S 0 \"Off\" 0x10 \"On\" ;\nVAL_ 100 P 0 \"a\" -1 \"b\" 2 \"c\";\n"
+             "VAL_ 100 Sw 0 \"a\" 1.5 \"b\";\nVAL_ S 0 \"a\";\nVAL_ 100 Nope 0 \"a\";\n",
+         {"(9)NULL!=signal"}, [](auto& db) {
+             EXPECT_EQ("0=Off;16=On;", Descs(db, "S")) << "an environment table changes nothing";
+             EXPECT_EQ("0=a;", Descs(db, "P")) << "a negative value ends the table";
+             EXPECT_EQ("0=a;1=;", Descs(db, "Sw")) << "replaces the multiplex pairs; fraction ends"; }},
         {"LowerCaseStatementsWithCrLf", m + "cm_ SG_ 100 S \"c\";\r\nval_ 100 S 1 \"x\";\r\n"
              "ba_def_ \"ProtocolType\" STRING;\r\nba_ \"ProtocolType\" \"J1939\";\r\n", {},
          [](auto& db) {
@@ -142,7 +137,6 @@ std::vector<Case> Cases() {
              EXPECT_TRUE(impl.Comments().empty() && impl.AttrDefList().empty() &&
                          impl.AttrList().empty() && impl.Vals().empty() &&
                          db.FindMsg(100)->signalList.empty()); }},
-        {"TableForMissingSignal", m + "VAL_ 100 Nope 0 \"a\";\n", {"(5)NULL!=signal"}, {}},
         {"MessageValueAndDefault", a + cycle +
              "BA_DEF_DEF_ \"GenMsgCycleTime\" 100;\nBA_ \"GenMsgCycleTime\" BO_ 0x123 20;\n", {},
          [](auto& db) {
@@ -155,7 +149,6 @@ std::vector<Case> Cases() {
              ASSERT_NE(a, nullptr) << "hex message id";
              EXPECT_EQ(20, a->value.ival);
              EXPECT_EQ(d, a->desc); }},
-        {"ProtocolJ1939", a + proto, {}, [](auto& db) { EXPECT_EQ(0u, db.GetProtocol()); }},
         {"ProtocolCaseSensitiveLastWins", a + proto + "BA_ \"ProtocolType\" \"j1939\";\n", {},
          [](auto& db) { EXPECT_EQ(1u, db.GetProtocol()); }},
         {"ProtocolOnMessageIgnored",
@@ -167,13 +160,14 @@ std::vector<Case> Cases() {
              EXPECT_STREQ("B", Def(db, "E")->enums[1]);
              EXPECT_EQ(1u, FindAttr(Sig(db, 291, "S")->attrs, "E")->value.uval); }},
         {"DuplicateDefinitionAndUndefinedValue",
-         a + cycle + "BA_DEF_ \"GenMsgCycleTime\" FLOAT 0 1;\nBA_ \"Nope\" 3;\n",
-         {"(5) BA_DEF name errorGenMsgCycleTime", "(6) can not find BA_DEF_DEF_ attribute_nameNope"},
+         a + cycle + "BA_DEF_ \"GenMsgCycleTime\" FLOAT 0 1;\nBA_ \"Nope\" 3;\nBA_DEF_DEF_ \"Nope\" 1;\n",
+         {"(5) BA_DEF name errorGenMsgCycleTime", "(6) can not find BA_DEF_DEF_ attribute_nameNope",
+          "(7) can not find BA_DEF_DEF_ attribute_nameNope"},
          [](auto& db) { EXPECT_EQ(ATTR_INT, Def(db, "GenMsgCycleTime")->type); }},
-        {"UndefinedDefault", a + "BA_DEF_DEF_ \"Nope\" 1;\n",
-         {"(4) can not find BA_DEF_DEF_ attribute_nameNope"}, {}},
-        {"FloatRangeWithOneNumber", a + "BA_DEF_ \"F\" FLOAT 2.5;\nBA_DEF_DEF_ \"F\" 1.25;\n", {},
+        {"FloatRangeWithOneNumberAndUnknownTypeWord",
+         a + "BA_DEF_ \"F\" FLOAT 2.5;\nBA_DEF_DEF_ \"F\" 1.25;\nBA_DEF_ \"W\" WORD 1 2;\n", {"Unknown typeWORD"},
          [](auto& db) {
+             EXPECT_EQ(2, Def(db, "W")->imax);
              EXPECT_EQ(2.5, Def(db, "F")->fmin);
              EXPECT_EQ(0.0, Def(db, "F")->fmax);
              EXPECT_EQ(1.25, Def(db, "F")->defVal.fval); }},
@@ -184,13 +178,10 @@ std::vector<Case> Cases() {
              EXPECT_EQ(4u, Def(db, "H")->defVal.uval);
              ASSERT_EQ(1u, Nodes(db)[0]->attrs.size());
              EXPECT_EQ(9u, Nodes(db)[0]->attrs[0].value.uval); }},
-        {"UnknownTypeWordBecomesInt", a + "BA_DEF_ \"W\" WORD 1 2;\n", {"Unknown typeWORD"},
-         [](auto& db) { EXPECT_EQ(2, Def(db, "W")->imax); }},
-        {"UnknownObjectStillParsed", a + "BA_DEF_ \"T\" STRING;\nBA_ \"T\" XX_ \"v\";\n",
-         {"(5) Unknown BA_"}, {}},
         {"MissingTargets", a + cycle + "BA_DEF_ SG_ \"G\" INT 0 1;\n"
-             "BA_ \"GenMsgCycleTime\" BO_ 999 1;\nBA_ \"G\" SG_ 291 Nope 1;\n",
-         {"(6) Find msg failed! BO_ id=999 ", "(7)NULL!=signal"}, {}},
+             "BA_ \"GenMsgCycleTime\" BO_ 999 1;\nBA_ \"G\" SG_ 291 Nope 1;\n"
+             "BA_DEF_ \"T\" STRING;\nBA_ \"T\" XX_ \"v\";\n",
+         {"(6) Find msg failed! BO_ id=999 ", "(7)NULL!=signal", "(9) Unknown BA_"}, {}},
     };
 }
 // clang-format on
