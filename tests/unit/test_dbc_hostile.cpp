@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <set>
 
 #include "common/file_utils.h"
@@ -68,56 +67,7 @@ std::string Repeat(const std::string& s, size_t n) {
     return out;
 }
 
-// Random bytes (NUL-free on odd seeds), token soup, and mutations of a sample.
-// clang-format off
-const std::vector<std::string> kTokens = {
-    "BO_", "SG_", "BU_", "CM_", "VAL_", "BA_", "BA_DEF_", "BA_DEF_DEF_", "NS_", "SIG_VALTYPE_",
-    "EV_", "bo_", "sg_", "BO_TX_BU_", " ", "\t", "\n", "\r\n", ":", ";", "|", "@", "(", ")", "[",
-    "]", ",", "+", "-", "\"", "\\", "M", "m1", "m4294967296", "0", "8", "0x7FF", "2147483648",
-    "3221225472", "99999999999999999999", "1e309", "nan", "0.5", "Name", "INT", "HEX", "FLOAT",
-    "STRING", "ENUM", "\"J1939\"", "\"ProtocolType\"", "0|8@1+ (1,0) [0|255]", kSig, "\xff", "\x80"};
-// clang-format on
-
-const std::string kSample =
-    "VERSION \"\"\nNS_ :\n\tCM_\n\tBA_DEF_\n\nBS_:\nBU_: ECU1 ECU2\n" + kMsg + kSig +
-    " SG_ Mode M : 16|4@1+ (1,0) [0|15] \"\" ECU2\n SG_ A m1 : 20|4@0- (1,-8) [-8|7] \"\" ECU2\n"
-    "\nBO_ 2147484000 Ext: 16 ECU2\n SG_ X : 7|12@0+ (1e-3,-1.5) [0|1] \"V\" ECU1\n\n"
-    "CM_ BO_ 100 \"multi\nline\";\nBA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n"
-    "BA_DEF_ \"ProtocolType\" STRING ;\nBA_DEF_DEF_ \"GenMsgCycleTime\" 100;\n"
-    "BA_ \"ProtocolType\" \"J1939\";\nBA_ \"GenMsgCycleTime\" BO_ 100 20;\n"
-    "VAL_ 100 Mode 0 \"Off\" 1 \"On\" ;\nSIG_VALTYPE_ 100 S : 1;\n";
-
-std::string Generate(int kind, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::string s;
-    if (kind == 0) {
-        s.resize(rng() % 4096);
-        for (char& c : s) c = static_cast<char>(seed % 2 + rng() % (256 - seed % 2));
-    } else if (kind == 1) {
-        for (size_t i = rng() % 600; i > 0; --i) s += kTokens[rng() % kTokens.size()];
-    } else {
-        s = kSample;
-        for (int edits = 1 + rng() % 8; edits > 0 && !s.empty(); --edits) {
-            size_t at = rng() % s.size(), op = rng() % 4;
-            if (op == 0) s[at] = static_cast<char>(rng());
-            if (op == 1) s.erase(at, rng() % 16);
-            if (op == 2) s.insert(at, s.substr(rng() % s.size(), rng() % 64));
-            if (op == 3) s.insert(std::min(at, s.size()), kTokens[rng() % kTokens.size()]);
-        }
-    }
-    return s;
-}
-
 class Hostile : public dbctest::Quiet {};
-
-TEST_F(Hostile, GeneratedInputsLoadIntoAConsistentModel) {
-    for (int kind : {0, 1, 2}) {
-        for (unsigned seed = 1; seed <= 400 && !HasFatalFailure(); ++seed) {
-            SCOPED_TRACE("kind " + std::to_string(kind) + " seed " + std::to_string(seed));
-            LoadChecked(Generate(kind, seed));
-        }
-    }
-}
 
 TEST_F(Hostile, HandMadeTextsLoadIntoAConsistentModel) {
     const std::string texts[] = {
@@ -136,6 +86,7 @@ TEST_F(Hostile, HandMadeTextsLoadIntoAConsistentModel) {
         Repeat("BO_ ", 100000) + "\n" + kMsg + Repeat(" SG_", 100000) + "\n" +
             Repeat("CM_ BA_DEF_ BA_DEF_DEF_ BA_ ", 30000) + "\n",
         Repeat("\"", 100001),
+        std::string(100, 'w') + "\n" + std::string(1000, 'w') + ":\n" + kLong + " 1\n",
         "CM_ \"" + Repeat("\\", 100001),
         "BA_DEF_ \"E\" ENUM " + Repeat("\"a\",", 100000) + "\"b\";\n",
         kMsg + kSig + "VAL_ 100 S" + Repeat(" 0 \"a\"", 100000) + " ;\n",
