@@ -55,10 +55,9 @@ class LogCapture {
     std::vector<std::string> Messages() const {
         std::vector<std::string> out;
         std::istringstream in(Raw());
-        for (std::string line; std::getline(in, line);) {
-            size_t close = line.find("] ");
-            if (close != std::string::npos) out.push_back(line.substr(close + 2));
-        }
+        for (std::string line; std::getline(in, line);)
+            if (line.find("] ") != std::string::npos)
+                out.push_back(line.substr(line.find("] ") + 2));
         return out;
     }
 
@@ -75,7 +74,7 @@ class Quiet : public ::testing::Test {
 
 inline std::unique_ptr<DBC> Load(const std::string& text, bool ordered = false,
                                  bool* ok = nullptr) {
-    std::unique_ptr<DBC> db(new DBC);
+    auto db = std::make_unique<DBC>();
     db->Impl()->SetOrdered(ordered);
     bool result = db->LoadContent(text);
     if (ok) *ok = result;

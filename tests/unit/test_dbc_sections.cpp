@@ -70,11 +70,11 @@ std::vector<Case> Cases() {
     const std::string cycle = "BA_DEF_ BO_ \"GenMsgCycleTime\" INT 0 65535;\n";
     const std::string proto = "BA_DEF_ \"ProtocolType\" STRING;\nBA_ \"ProtocolType\" \"J1939\";\n";
     return {
-        {"IdBaseFromPrefix", "BO_ 0x10 $H_1: 1 N\nBO_ 010 O: 2 N\n", {}, [](auto& db) {
+        {"IdBaseAndBlankBeforeColon", "BO_ 0x10 $H_1: 1 N\nBO_ 010 O: 2 N\nBO_ 5 Name : 8 Node\n", {},
+         [](auto& db) {
              EXPECT_STREQ("$H_1", db.FindMsg(16)->name);
-             EXPECT_STREQ("O", db.FindMsg(8)->name); }},
-        {"BlankBeforeColonLosesLength", "BO_ 5 Name : 8 Node\n", {}, [](auto& db) {
-             EXPECT_EQ(0u, db.FindMsg(5)->dlc);
+             EXPECT_STREQ("O", db.FindMsg(8)->name);
+             EXPECT_EQ(0u, db.FindMsg(5)->dlc) << "the blank is taken for the separator";
              EXPECT_STREQ("", db.FindMsg(5)->transmitter); }},
         {"RepeatedIdStopsLoad", "BO_ 1 A: 8 X\nBO_ 2 B: 8 X\nBO_ 1 C: 8 X\nBO_ 3 D: 8 X\n",
          {"(4) BO_ id not unique : 1", "(4)ParseBO()"}, [](auto& db) {
@@ -110,13 +110,12 @@ std::vector<Case> Cases() {
          [](auto& db) { EXPECT_TRUE(!db.FindMsg(1) && db.FindMsg(2) && db.FindMsg(3)); }},
         {"ErrorLinesFollowCrLfText", "VERSION \"\"\r\n\r\nBU_ A\r\nCM_ BO_ 5 \"x\";\r\n",
          {"(3) loss ':' behind BU ", "(4)NULL!=msg"}, {}},
-        {"MessageCommentHexId", m + "CM_ BO_ 0x64 \"hello\";\n", {},
-         [](auto& db) { EXPECT_EQ("hello", db.FindMsg(100)->comment); }},
-        {"MultiLineCommentCountsLines", m + "CM_ SG_ 100 S \"a\nb\nc\";\nCM_ BO_ 7 \"x\";\n",
-         {"(8)NULL!=msg"}, [](auto& db) { EXPECT_EQ("a\nb\nc", Sig(db, 100, "S")->comment); }},
-        {"LaterCommentReplacesAndEscapes",
-         m + "CM_ SG_ 100 S \"one\";\nCM_ SG_ 100 S \"say \\\"hi\\\" \\\\ a\\nb\";\n", {},
-         [](auto& db) { EXPECT_EQ("say \"hi\" \\ anb", Sig(db, 100, "S")->comment); }},
+        {"Comments", m + "CM_ BO_ 0x64 \"hello\";\nCM_ SG_ 100 S \"a\nb\nc\";\nCM_ BO_ 7 \"x\";\n"
+             "CM_ SG_ 100 Sw \"one\";\nCM_ SG_ 100 Sw \"say \\\"hi\\\" \\\\ a\\nb\";\n",
+         {"(9)NULL!=msg"}, [](auto& db) {
+             EXPECT_EQ("hello", db.FindMsg(100)->comment);
+             EXPECT_EQ("a\nb\nc", Sig(db, 100, "S")->comment);
+             EXPECT_EQ("say \"hi\" \\ anb", Sig(db, 100, "Sw")->comment); }},
         {"CommentTargets", m + "CM_ XX_ 1 \"t\";\nCM_ bo_ 100 \"u\";\nCM_ SG_ 100 Nope \"t\";\n"
              "CM_ BU_ X \"n\";\nCM_ EV_ V \"e\";\n",
          {"(5) Unknown CM_", "(6) Unknown CM_", "(7)NULL!=signal"},
