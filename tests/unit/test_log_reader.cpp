@@ -195,6 +195,10 @@ const std::vector<Sample> kSamples = {
       "1609502401.600000 1 301 SR 2 0000", "1609502401.800000 1 0 SE 5 0001020304"}},
 };
 
+void PrintTo(const Sample& s, std::ostream* os) {
+    *os << s.name;
+}
+
 class LogSample : public ::testing::TestWithParam<Sample> {};
 
 TEST_P(LogSample, ReadsEveryFrameAndDetectsTheFormat) {
