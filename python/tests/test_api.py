@@ -85,24 +85,26 @@ def closed():
     return db.messages[0].signals
 
 
+def enc(*args, **kwargs):
+    return lambda db: db.encode_message(*args, **kwargs)
+
+
+def dec(*args, **kwargs):
+    return lambda db: db.decode_message(*args, **kwargs)
+
+
 @pytest.mark.parametrize("exc,signal,call", [
-    (tarn.DecodeError, None, lambda db: db.decode_message("Nope", b"")),
-    (tarn.DecodeError, None, lambda db: db.decode_message(0x7FF, bytes(8))),
-    (tarn.DecodeError, None, lambda db: db.decode_message("EngineStatus", bytes(3))),
-    (tarn.EncodeError, "EngineSpeed", lambda db: db.encode_message(
-        "EngineStatus", {"EngineSpeed": 8100})),
-    (tarn.EncodeError, "EngineSpeed", lambda db: db.encode_message(
-        "EngineStatus", {"EngineSpeed": 9000}, strict=False)),
-    (tarn.EncodeError, "TorqueTrim", lambda db: db.encode_message(
-        "EngineStatus", {"TorqueTrim": math.nan})),
-    (tarn.EncodeError, "Speed", lambda db: db.encode_message("EngineStatus", {"Speed": 1})),
-    (tarn.EncodeError, "TorqueMode", lambda db: db.encode_message(
-        "EngineStatus", {"TorqueMode": "Warp"})),
-    (tarn.EncodeError, "Alive", lambda db: db.encode_message(
-        "Heartbeat", {"Alive": -1}, scaling=False)),
-    (tarn.EncodeError, "BatteryVoltage", lambda db: db.encode_message(
-        "Diagnostics", {"Page": 0, "BatteryVoltage": 1})),
-    (tarn.EncodeError, None, lambda db: db.encode_message("Nope", {})),
+    (tarn.DecodeError, None, dec("Nope", b"")),
+    (tarn.DecodeError, None, dec(0x7FF, bytes(8))),
+    (tarn.DecodeError, None, dec("EngineStatus", bytes(3))),
+    (tarn.EncodeError, "EngineSpeed", enc("EngineStatus", {"EngineSpeed": 8100})),
+    (tarn.EncodeError, "EngineSpeed", enc("EngineStatus", {"EngineSpeed": 9000}, strict=False)),
+    (tarn.EncodeError, "TorqueTrim", enc("EngineStatus", {"TorqueTrim": math.nan})),
+    (tarn.EncodeError, "Speed", enc("EngineStatus", {"Speed": 1})),
+    (tarn.EncodeError, "TorqueMode", enc("EngineStatus", {"TorqueMode": "Warp"})),
+    (tarn.EncodeError, "Alive", enc("Heartbeat", {"Alive": -1}, scaling=False)),
+    (tarn.EncodeError, "BatteryVoltage", enc("Diagnostics", {"Page": 0, "BatteryVoltage": 1})),
+    (tarn.EncodeError, None, enc("Nope", {})),
     (FileNotFoundError, None, lambda db: tarn.load_file("/nonexistent.dbc")),
     (tarn.Error, None, lambda db: closed()),
 ])
