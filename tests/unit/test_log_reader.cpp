@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <string>
@@ -90,30 +89,13 @@ Collected ReadText(const std::string& text, int format = TARN_LOG_FORMAT_AUTO) {
 // detection must find, then each frame as Describe() writes it.
 const std::string kSampleDir = std::string(TARN_SOURCE_DIR) + "/tests/unit/log_samples/";
 
-std::vector<std::string> SampleNames() {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(kSampleDir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            const std::string n = e->d_name;
-            if (n.size() > 4 && n.compare(n.size() - 4, 4, ".log") == 0)
-                names.push_back(n.substr(0, n.size() - 4));
-        }
-        closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-TEST(LogSamples, AreAllThere) {
-    EXPECT_EQ(SampleNames().size(), 7u) << kSampleDir;
-}
-
 class LogSample : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(LogSample, ReadsEveryFrameAndDetectsTheFormat) {
     std::ifstream log(kSampleDir + GetParam() + ".log", std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(log), {}};
     std::ifstream expected(kSampleDir + GetParam() + ".frames");
+    ASSERT_TRUE(log.is_open() && expected.is_open()) << kSampleDir << GetParam();
     std::string format;
     std::getline(expected, format);
     std::vector<std::string> frames;
@@ -126,7 +108,9 @@ TEST_P(LogSample, ReadsEveryFrameAndDetectsTheFormat) {
     EXPECT_EQ(ReadText(text, c.info.format).frames, frames);
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, LogSample, ::testing::ValuesIn(SampleNames()),
+INSTANTIATE_TEST_SUITE_P(Formats, LogSample,
+                         ::testing::Values("candump_log", "candump_screen", "asc_hex_absolute",
+                                           "asc_dec_relative", "trc_1_1", "trc_2_0", "trc_2_1"),
                          [](const auto& info) { return info.param; });
 
 // Lines each format must refuse, after lines that settle the format: each is
