@@ -1,42 +1,10 @@
-"""Independent bit-level reference for DBC signal placement, written from the
-DBC conventions and not from the library: Intel signals count bits upward from
-the start bit; Motorola signals start at their most significant bit and walk
-the 'sawtooth' numbering (bit 7 of a byte is followed by bit 0 ... of the next
-byte's top)."""
+"""The few model facts the tests check, read straight from the DBC text with
+regular expressions rather than through the library."""
 
 import re
 
 
-def bit_positions(start, length, little_endian):
-    """Payload bit numbers (byte * 8 + bit) from least to most significant."""
-    if little_endian:
-        return [start + i for i in range(length)]
-    positions, pos = [], start
-    for _ in range(length):  # most significant first
-        positions.append(pos)
-        pos = pos + 15 if pos % 8 == 0 else pos - 1
-    return positions[::-1]
-
-
-def pack(size, signals):
-    """signals: iterable of (start, length, little_endian, raw)."""
-    payload = bytearray(size)
-    for start, length, little, raw in signals:
-        for i, pos in enumerate(bit_positions(start, length, little)):
-            if raw >> i & 1:
-                payload[pos // 8] |= 1 << (pos % 8)
-    return bytes(payload)
-
-
-def unpack(payload, start, length, little_endian):
-    raw = 0
-    for i, pos in enumerate(bit_positions(start, length, little_endian)):
-        raw |= (payload[pos // 8] >> (pos % 8) & 1) << i
-    return raw
-
-
 def parse_dbc(path):
-    """The few facts the tests check, read straight from the DBC text."""
     text = open(path, encoding="latin-1").read()
     messages = {}
     for m in re.finditer(r"^BO_ (\d+) (\w+): (\d+) \w+\n((?: SG_ .*\n)*)", text, re.M):

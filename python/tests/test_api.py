@@ -1,5 +1,5 @@
-"""The database API against the DBC text, an independent bit-level packer,
-hand-computed values and the library's own C results on the corpus."""
+"""The database API: its model against the DBC text, decoding and encoding
+against the library's own C results, errors, logs and DataFrames."""
 
 import ctypes
 import logging
@@ -8,16 +8,18 @@ import os
 import random
 
 import can
-import numpy as np
 import pandas as pd
 import pytest
 
 import tarn
 from tarn import _native as N
-from conftest import CORPUS, DEMO_DBC, DEMO_LOG, corpus_files
-from reference import pack, parse_dbc
+from conftest import DEMO_DBC, DEMO_LOG, SHARED
+from reference import parse_dbc
 
 MESSAGES, NODES, TABLES = parse_dbc(DEMO_DBC)
+CORPUS = os.path.join(SHARED, "dbc")
+DBCS = [DEMO_DBC] + (sorted(os.path.join(CORPUS, f) for f in os.listdir(CORPUS)
+                            if f.endswith(".dbc")) if os.path.isdir(CORPUS) else [])
 
 
 @pytest.mark.parametrize("record,dtype,size", [(N.Frame, N.FRAME_DTYPE, 80),
@@ -33,9 +35,8 @@ def test_model_matches_the_dbc_text(db):
     assert [m.name for m in db.messages] == list(MESSAGES)
     for m in db.messages:
         ref = MESSAGES[m.name]
-        assert (m.frame_id, m.is_extended_frame, m.length) == \
-            (ref["id"], ref["extended"], ref["size"])
-        assert m.cycle_time == ref["cycle"]
+        assert (m.frame_id, m.is_extended_frame, m.length, m.cycle_time) == \
+            (ref["id"], ref["extended"], ref["size"], ref["cycle"])
         assert [s.name for s in m.signals] == list(ref["signals"])
         for s in m.signals:
             r = ref["signals"][s.name]
@@ -46,7 +47,6 @@ def test_model_matches_the_dbc_text(db):
             assert s.multiplexer_ids == ([int(r["mux"][1:])] if r["mux"] and r["mux"] != "M"
                                          else None)
             assert s.choices == TABLES.get((m.frame_id, s.name))
-    assert [n.name for n in db.nodes] == list(NODES)
     assert {n.name: n.attributes["NmStationAddress"] for n in db.nodes} == \
         {k: int(v) for k, v in NODES.items()}
     engine = db.get_message_by_name("EngineStatus")
@@ -60,115 +60,59 @@ def test_model_matches_the_dbc_text(db):
     assert db.attribute_definitions["GenMsgCycleTime"][1:6] == \
         ("message", "INT", 0, 3600000, None)
     assert db.is_j1939 and db.diagnostics == []
+    lookups = {0x0CF00400: "EngineStatus", 0x8CF00400: "EngineStatus", 0x100: "Heartbeat"}
+    assert {i: db.get_message_by_frame_id(i).name for i in lookups} == lookups
 
 
-@pytest.mark.parametrize("frame_id,name", [(0x0CF00400, "EngineStatus"),
-                                           (0x8CF00400, "EngineStatus"),
-                                           (0x100, "Heartbeat"), (0x200, "WheelSpeeds")])
-def test_message_lookup(db, frame_id, name):
-    assert db.get_message_by_frame_id(frame_id).name == name
-
-
-def random_raws(rng, name, page=None):
-    raws = {}
-    for sig, r in MESSAGES[name]["signals"].items():
-        if r["mux"] == "M":
-            raws[sig] = page
-        elif not r["mux"] or int(r["mux"][1:]) == page:
-            raws[sig] = rng.getrandbits(r["length"])
-            if r["signed"] and raws[sig] >> (r["length"] - 1):
-                raws[sig] -= 1 << r["length"]
-    return raws
-
-
-@pytest.mark.parametrize("name,page", [("EngineStatus", None), ("Diagnostics", 0),
-                                       ("Diagnostics", 1), ("TripSummary", None),
-                                       ("WheelSpeeds", None), ("Heartbeat", None)])
-def test_raw_values_against_the_reference_packer(db, name, page):
-    rng = random.Random(name + str(page))
-    sigs = MESSAGES[name]["signals"]
-    for _ in range(30):
-        raws = random_raws(rng, name, page)
-        payload = pack(MESSAGES[name]["size"],
-                       [(sigs[s]["start"], sigs[s]["length"], sigs[s]["little"],
-                         v & ((1 << sigs[s]["length"]) - 1)) for s, v in raws.items()])
-        assert db.encode_message(name, raws, scaling=False) == payload
-        assert db.decode_message(name, payload, scaling=False, decode_choices=False) == raws
-        physical = db.decode_message(name, payload, decode_choices=False)
-        for s, v in raws.items():
-            assert physical[s] == pytest.approx(v * sigs[s]["factor"] + sigs[s]["offset"])
-        # python-can Messages and physical values in, the same payload out
-        frame = can.Message(arbitration_id=MESSAGES[name]["id"],
-                            is_extended_id=MESSAGES[name]["extended"], data=payload)
-        assert db.decode_message(frame, decode_choices=False) == physical
-        assert db.encode_message(MESSAGES[name]["id"], physical, strict=False) == payload
-
-
-def test_hand_computed_values(db):
-    # The first frame of the demo log.
-    assert db.decode_message(0x0CF00400, bytes.fromhex("F1968C803EFFF0F6")) == {
-        "TorqueMode": "Accelerator pedal", "DriverDemandTorque": 25, "ActualTorque": 15,
-        "EngineSpeed": 2000.0, "StarterMode": "Start not requested", "TorqueTrim": -5.0}
-    values = db.decode_message(0x18FEF500, bytes.fromhex("0000AC41CA2550FF"))
-    assert values == {"AmbientAirTemp": 21.5, "BarometricPressure": 101.0,
-                      "RoadSurfaceTemp": 25.5}
-    payload = db.encode_message("EngineStatus", {"EngineSpeed": 2000, "TorqueMode": "Low idle",
-                                                 "TorqueTrim": -5, "DriverDemandTorque": 0})
-    assert payload[3:5] == bytes.fromhex("803E") and payload[7] == 0xF6 and payload[1] == 125
-    assert payload[0] & 0xF == 0
-    trip = db.decode_message("TripSummary", bytes(range(20)), scaling=True)
+def test_choice_texts_and_value_types(db):
+    assert db.decode_message(0x18FF1021, bytes.fromhex("0130021100FFFFF4")) == \
+        {"Page": 1, "BatteryVoltage": 28.0, "FaultCode": "Overheat", "Counter": 4}
+    payload = db.encode_message("EngineStatus", {"TorqueMode": "Low idle", "EngineSpeed": 2000})
+    assert db.decode_message("EngineStatus", payload, decode_choices=False)["TorqueMode"] == 0
+    trip = db.decode_message("TripSummary", bytes(range(20)))
     assert trip["IdleTime"] == 0x0D0C0B0A and isinstance(trip["IdleTime"], int)
-    mux = db.decode_message(0x18FF1021, bytes.fromhex("0130021100FFFFF4"))
-    assert mux == {"Page": 1, "BatteryVoltage": 28.0, "FaultCode": "Overheat", "Counter": 4}
-
-
-def _raises(exc, fn, signal=None):
-    with pytest.raises(exc) as info:
-        fn()
-    if signal is not None:
-        assert info.value.signal == signal and signal in str(info.value)
-
-
-def closed():
-    db = tarn.load_file(DEMO_DBC)
-    db.close()
-    return db
-
-
-@pytest.mark.parametrize("case", [
-    lambda db: _raises(tarn.DecodeError, lambda: db.decode_message("Nope", b"")),
-    lambda db: _raises(tarn.DecodeError, lambda: db.decode_message(0x7FF, bytes(8))),
-    lambda db: _raises(tarn.DecodeError, lambda: db.decode_message("EngineStatus", bytes(3))),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "EngineStatus", {"EngineSpeed": 8100}), "EngineSpeed"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "EngineStatus", {"EngineSpeed": 9000}, strict=False), "EngineSpeed"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "EngineStatus", {"TorqueTrim": math.nan}), "TorqueTrim"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "EngineStatus", {"Speed": 1}), "Speed"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "EngineStatus", {"TorqueMode": "Warp"}), "TorqueMode"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "Heartbeat", {"Alive": -1}, scaling=False), "Alive"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message(
-        "Diagnostics", {"Page": 0, "BatteryVoltage": 1}), "BatteryVoltage"),
-    lambda db: _raises(tarn.EncodeError, lambda: db.encode_message("Nope", {})),
-    lambda db: _raises(FileNotFoundError, lambda: tarn.load_file("/nonexistent.dbc")),
-    lambda db: _raises(tarn.Error, lambda: closed().messages[0].signals),
-], ids=["unknown name", "unknown id", "short payload", "strict range", "raw overflow",
-        "nan", "unknown signal", "unknown choice", "negative unsigned raw",
-        "unselected page", "unknown message", "missing file", "closed database"])
-def test_errors(db, case):
-    case(db)
-
-
-def test_lenient_forms(db):
+    # Lenient forms: a short payload, and a value past the declared maximum.
     assert db.decode_message("EngineStatus", bytes(3), allow_truncated=True,
                              decode_choices=False) == \
         {"TorqueMode": 0, "DriverDemandTorque": -125, "ActualTorque": -125}
     assert db.encode_message("EngineStatus", {"EngineSpeed": 8100}, strict=False)[3:5] == \
         (64800).to_bytes(2, "little")
+
+
+def closed():
+    db = tarn.load_file(DEMO_DBC)
+    db.close()
+    return db.messages[0].signals
+
+
+def enc(*args, **kwargs):
+    return lambda db: db.encode_message(*args, **kwargs)
+
+
+def dec(*args, **kwargs):
+    return lambda db: db.decode_message(*args, **kwargs)
+
+
+@pytest.mark.parametrize("exc,signal,call", [
+    (tarn.DecodeError, None, dec("Nope", b"")),
+    (tarn.DecodeError, None, dec(0x7FF, bytes(8))),
+    (tarn.DecodeError, None, dec("EngineStatus", bytes(3))),
+    (tarn.EncodeError, "EngineSpeed", enc("EngineStatus", {"EngineSpeed": 8100})),
+    (tarn.EncodeError, "EngineSpeed", enc("EngineStatus", {"EngineSpeed": 9000}, strict=False)),
+    (tarn.EncodeError, "TorqueTrim", enc("EngineStatus", {"TorqueTrim": math.nan})),
+    (tarn.EncodeError, "Speed", enc("EngineStatus", {"Speed": 1})),
+    (tarn.EncodeError, "TorqueMode", enc("EngineStatus", {"TorqueMode": "Warp"})),
+    (tarn.EncodeError, "Alive", enc("Heartbeat", {"Alive": -1}, scaling=False)),
+    (tarn.EncodeError, "BatteryVoltage", enc("Diagnostics", {"Page": 0, "BatteryVoltage": 1})),
+    (tarn.EncodeError, None, enc("Nope", {})),
+    (FileNotFoundError, None, lambda db: tarn.load_file("/nonexistent.dbc")),
+    (tarn.Error, None, lambda db: closed()),
+])
+def test_errors(db, exc, signal, call):
+    with pytest.raises(exc) as info:
+        call(db)
+    if signal is not None:
+        assert info.value.signal == signal and signal in str(info.value)
 
 
 BROKEN = 'VERSION ""\nBU_: A\nBO_ 1 M: 8 A\n SG_ S : 0|8@1+ (1,0) [0|1] "" A\n SG_ T 8|8@1+\n'
@@ -185,14 +129,12 @@ def test_parse_errors_carry_line_numbers(caplog):
     assert [s.name for s in db.get_message_by_name("M").signals] == ["S"]
 
 
-def c_decode(db, frame):
-    """The library's own result for one frame: {signal: (raw, physical)}."""
+def c_decode(db, frame_id, extended, data):
+    """The library's own result for one frame: name, {signal: (raw, physical)}."""
     values = (N.Value * max(db.max_signals, 1))()
     out = N.Decoded()
-    data = bytes(frame.data)
-    rc = N.lib.tarn_decode(db._handle, frame.arbitration_id, frame.is_extended_id, data,
-                           len(data), values, len(values), ctypes.byref(out))
-    if rc != N.OK:
+    if N.lib.tarn_decode(db._handle, frame_id, extended, data, len(data), values, len(values),
+                         ctypes.byref(out)) != N.OK:
         return None, {}
     msg = db.messages[out.message_index]
     got = {}
@@ -203,18 +145,23 @@ def c_decode(db, frame):
     return msg.name, got
 
 
-@pytest.mark.parametrize("name", corpus_files())
-def test_corpus_against_the_c_results(name):
-    """Random payloads of every message, decoded one by one through the API
-    and as a whole through decode_log, against direct tarn_decode calls."""
-    db = tarn.load_file(os.path.join(CORPUS, name))
-    rng = random.Random(name)
-    frames = [tarn.Frame(m.frame_id, rng.randbytes(min(m.length, 64)), m.is_extended_frame,
-                         timestamp=i * 0.001)
-              for i, m in enumerate(db.messages * 2) if m.frame_id <= 0x1FFFFFFF]
+@pytest.mark.parametrize("path", DBCS, ids=os.path.basename)
+def test_against_the_c_results(path):
+    """Random payloads of every message, as python-can Messages and as Frames:
+    decoded one by one and as a whole through decode_log, and encoded again
+    from the raw values, all against direct tarn_decode calls."""
+    db = tarn.load_file(path)
+    rng = random.Random(os.path.basename(path))
+    frames = []
+    for i, m in enumerate(m for m in db.messages * 2 if m.frame_id <= 0x1FFFFFFF):
+        data = rng.randbytes(min(m.length, 64))
+        frames.append(can.Message(timestamp=i * 0.001, arbitration_id=m.frame_id, data=data,
+                                  is_extended_id=m.is_extended_frame, is_fd=len(data) > 8)
+                      if i % 2 else tarn.Frame(m.frame_id, data, m.is_extended_frame,
+                                               timestamp=i * 0.001))
     expected = {}
     for f in frames:
-        msg, ref = c_decode(db, f)
+        msg, ref = c_decode(db, f.arbitration_id, f.is_extended_id, bytes(f.data))
         if msg is None:
             continue
         raws = db.decode_message(f, scaling=False, decode_choices=False, allow_truncated=True)
@@ -222,15 +169,17 @@ def test_corpus_against_the_c_results(name):
         physical = db.decode_message(f, decode_choices=False, allow_truncated=True)
         assert physical == pytest.approx({s: p for s, (_, p) in ref.items()}, nan_ok=True)
         m = db.get_message_by_name(msg)
+        if len(f.data) == m.length and not any(isinstance(r, float) for r in raws.values()):
+            again = db.encode_message(msg, raws, scaling=False, strict=False)
+            assert c_decode(db, f.arbitration_id, f.is_extended_id, again)[1] == ref
         row = [ref.get(s.name, (None, math.nan))[1] for s in m.signals]
         expected.setdefault(msg, []).append((f.timestamp, row))
     got = db.decode_log(frames)
     assert sorted(got) == sorted(expected)
     for msg, rows in expected.items():
-        want = pd.DataFrame([r for _, r in rows], index=pd.Index([t for t, _ in rows],
-                                                                 name="time"),
-                            columns=[s.name for s in db.get_message_by_name(msg).signals],
-                            dtype=float)
+        want = pd.DataFrame([r for _, r in rows], dtype=float,
+                            index=pd.Index([t for t, _ in rows], name="time"),
+                            columns=[s.name for s in db.get_message_by_name(msg).signals])
         pd.testing.assert_frame_equal(got[msg], want, check_exact=True)
 
 
@@ -242,22 +191,10 @@ def test_logs_through_the_library_readers(db):
         assert (a.timestamp, a.arbitration_id, a.is_extended_id, a.data, a.channel) == \
             (pytest.approx(b.timestamp), b.arbitration_id, b.is_extended_id, bytes(b.data),
              b.channel)
-    # python-can Messages decode as the file does
-    from_file = db.decode_log(DEMO_LOG)
-    from_frames = db.decode_log(theirs)
+    from_file, from_frames = db.decode_log(DEMO_LOG), db.decode_log(theirs)
     assert from_file.keys() == from_frames.keys()
     for name in from_file:
         pd.testing.assert_frame_equal(from_file[name], from_frames[name])
-
-
-def test_decode_log_reassembles_transfers(db):
-    frames = db.decode_log(DEMO_LOG)
-    trip = frames["TripSummary"]
-    assert list(trip.index) == [1700000000.018, 1700000000.028]
-    assert list(trip["TripDistance"]) == [1000, 2000] and list(trip["TripId"]) == [48879, 257]
-    diag = frames["Diagnostics"]
-    assert diag["CoolantTemp"].isna().tolist() == [False, True]
-    assert np.isnan(diag["BatteryVoltage"].iloc[0]) and diag["BatteryVoltage"].iloc[1] == 28
 
 
 def test_nothing_reaches_standard_output(tmp_path, caplog):

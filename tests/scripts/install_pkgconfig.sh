@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Installs the build into a scratch prefix and links two consumers against it:
-# a C program through pkg-config and a CMake project through find_package;
-# the installed tool runs from the prefix.
-# Args: $1 libtarn.so, $2 source dir, $3 build dir.
+# Installs the build into a scratch prefix and links a C program against it,
+# through pkg-config and through CMake's find_package; the installed tool
+# starts from the prefix. Args: $1 libtarn.so, $2 source dir, $3 build dir.
 set -euo pipefail
 build=$3
 
@@ -21,30 +20,15 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 pcdir=$(dirname "$(find "$prefix" -name tarn.pc | head -n1)")
 libdir=$(dirname "$(find "$prefix" -name 'libtarn.so' | head -n1)")
-test -f "$prefix/include/tarn.h"
-test -f "$prefix/include/tarn/db.h"
-# The installed tool starts from its prefix with no library path set.
-if [ -x "$prefix/bin/tarn" ]; then
-    env -u LD_LIBRARY_PATH "$prefix/bin/tarn" --version
-fi
+test -f "$prefix/include/tarn.h" && test -f "$prefix/include/tarn/db.h"
+[ ! -x "$prefix/bin/tarn" ] || env -u LD_LIBRARY_PATH "$prefix/bin/tarn" --version
 
 mkdir "$work/cm"
-cat >"$work/cm/consumer.c" <<'C'
-#include <stdio.h>
-#include <tarn.h>
-int main(void) {
-    unsigned type = TARN_GetFrameType();
-    printf("frame type %u\n", type);
-    return type == 0 ? 0 : 1;
-}
-C
-cat >"$work/cm/CMakeLists.txt" <<'CM'
-cmake_minimum_required(VERSION 3.16)
-project(tarn_consumer LANGUAGES C)
-find_package(tarn REQUIRED)
-add_executable(consumer consumer.c)
-target_link_libraries(consumer PRIVATE tarn::tarn)
-CM
+printf '#include <tarn.h>\nint main(void) { return TARN_GetFrameType() == 0 ? 0 : 1; }\n' \
+    >"$work/cm/consumer.c"
+printf 'cmake_minimum_required(VERSION 3.16)\nproject(consumer LANGUAGES C)\n%s\n%s\n%s\n' \
+    'find_package(tarn REQUIRED)' 'add_executable(consumer consumer.c)' \
+    'target_link_libraries(consumer PRIVATE tarn::tarn)' >"$work/cm/CMakeLists.txt"
 
 read -r -a flags <<<"$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs tarn)"
 cc -std=c11 -Wall -Wextra -Werror "$work/cm/consumer.c" -o "$work/consumer" "${flags[@]}"

@@ -1,13 +1,11 @@
-// Frame layouts: the SocketCAN <-> VCI conversions against a byte-level
-// reference built from the record layouts, and the process-wide layout switch.
+// The SocketCAN <-> VCI conversions against a byte-level reference.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
-#include "support/ref_packer.h"
-#include "tarn.h"
 #include "legacy/tarn_frame.h"
+#include "support/ref_packer.h"
 
 namespace {
 
@@ -50,15 +48,6 @@ TEST(FrameConversion, BothDirectionsMatchTheByteReference) {
         can[4] = obj[12];
         std::memcpy(&can[8], &obj[13], 8);
         ASSERT_EQ(Bytes(VciToCanFrame(o)), can) << std::hex << o.id;
-    }
-}
-
-TEST(FrameTypeSwitch, FoldsEveryNonzeroTypeToOne) {
-    const uint32_t cases[][2] = {{1, 1}, {0, 0}, {7, 1}, {0xFFFFFFFFu, 1}, {0, 0}};
-    for (auto c : cases) {
-        TARN_SetFrameType(c[0]);
-        EXPECT_EQ(TARN_GetFrameType(), c[1]) << c[0];
-        EXPECT_EQ(libdbc::Env::Instance().GetFrameType(), c[1]);
     }
 }
 
