@@ -288,6 +288,10 @@ struct Script {
     unsigned window = 16, cap = 4096;
 };
 
+void PrintTo(const Script& s, std::ostream* os) {
+    *os << s.name;
+}
+
 // clang-format off
 const Script kScripts[] = {
     // Receiving an RTS addressed to us.
