@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -141,22 +139,11 @@ TEST(NativeDb, EncodeNamesTheOffendingSignal) {
 }
 
 TEST(NativeDb, OpenFailuresAreStatusesWithReasons) {
-    struct Row {
-        std::string text;
-        unsigned flags;
-        int status;
-    };
-    const Row rows[] = {
-        {"just some text\nnot a database\n", 0, TARN_ERR_NOT_DBC},
-        {"", 0, TARN_ERR_NOT_DBC},
-        {std::string(kHeader) + "BO_ 1 M: 8 ECU\n SG_ Bad 0|8@1+ (1,0) [0|0] \"\" ECU\n",
-         TARN_OPEN_STRICT, TARN_ERR_PARSE},
-    };
-    for (const Row& r : rows) {
+    for (const std::string text : {"just some text\nnot a database\n", ""}) {
         tarn_db* db = nullptr;
         char err[128] = "";
-        EXPECT_EQ(tarn_db_open_buffer(r.text.data(), r.text.size(), r.flags, &db, err, sizeof err),
-                  r.status);
+        EXPECT_EQ(tarn_db_open_buffer(text.data(), text.size(), 0, &db, err, sizeof err),
+                  TARN_ERR_NOT_DBC);
         EXPECT_EQ(db, nullptr);
         EXPECT_STRNE(err, "");
     }
@@ -189,52 +176,6 @@ TEST(NativeDb, ThreadsShareOneDatabase) {
     }
     for (auto& th : threads) th.join();
     EXPECT_EQ(wrong.load(), 0);
-}
-
-// Every corpus file opens; every message decodes random payloads, and what
-// decodes re-encodes to the same field bits.
-TEST(NativeDb, CorpusFilesOpenDecodeAndRoundTrip) {
-    const std::string dir = refpack::CorpusFile("");
-    if (dir.empty()) GTEST_SKIP() << "corpus not present";
-    refpack::Rng rng(11);
-    size_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        const std::string ext = entry.path().extension().string();
-        if (ext != ".dbc" && ext != ".DBC") continue;
-        ++files;
-        SCOPED_TRACE(entry.path().filename().string());
-        auto db = tarn::Database::open(entry.path().string());
-        tarn::Decoder dec(db);
-        for (tarn::Message m : db.messages()) {
-            std::vector<uint8_t> data(m.length());
-            for (auto& b : data) b = static_cast<uint8_t>(rng.Next());
-            if (!dec.decode(m.id(), m.extended(), data.data(), data.size())) continue;
-            std::vector<tarn_input> in;
-            bool finite = true;
-            for (const tarn_value& v : dec) {
-                finite = finite && (!(v.flags & TARN_RAW_FLOAT) || std::isfinite(v.raw.f));
-                tarn_input i{};
-                i.signal = v.signal;
-                i.kind = (v.flags & TARN_RAW_FLOAT) ? TARN_INPUT_RAW_FLOAT : TARN_INPUT_RAW;
-                i.raw.u = v.raw.u;
-                i.physical = v.raw.f;
-                in.push_back(i);
-            }
-            if (!finite) continue;  // NaN and infinities are refused by design
-            std::vector<uint8_t> out(m.length());
-            size_t written = 0, failed = 0;
-            ASSERT_EQ(tarn_encode(m.handle(), in.data(), in.size(), 0, out.data(), out.size(),
-                                  &written, &failed),
-                      TARN_OK)
-                << m.name();
-            tarn::Decoder again(db);
-            ASSERT_TRUE(again.decode(m.id(), m.extended(), out.data(), out.size()));
-            ASSERT_EQ(again.size(), dec.size()) << m.name();
-            for (size_t k = 0; k < dec.size(); ++k)
-                EXPECT_EQ(again.begin()[k].raw.u, dec.begin()[k].raw.u) << m.name();
-        }
-    }
-    EXPECT_GT(files, 70u);
 }
 
 }  // namespace

@@ -132,7 +132,20 @@ TEST(NativeCoder, DecodeAndEncodeMatchTheReference) {
         expect.assign(c.payload, 0);
         refpack::Pack(expect.data(), c.start, c.length, c.motorola, field);
         ASSERT_EQ(out, expect);
-        if (c.type != ValueType::Integer) continue;
+        if (c.type != ValueType::Integer) {
+            // Floats take their value as well; what is not finite is refused.
+            const uint64_t was = refpack::Extract(data.data(), c.start, c.length, c.motorola);
+            in.kind = TARN_INPUT_RAW_FLOAT;
+            in.physical = v.raw.f;
+            const bool finite = std::isfinite(v.raw.f);
+            ASSERT_EQ(Encode(fx, i, in, out), finite ? TARN_OK : TARN_ERR_NOT_FINITE);
+            expect.assign(c.payload, 0);
+            refpack::Pack(expect.data(), c.start, c.length, c.motorola, was);
+            if (finite) {
+                EXPECT_EQ(out, expect);
+            }
+            continue;
+        }
 
         // Raw values one past either end of the field are refused, never wrapped.
         const uint64_t top = c.isSigned ? refpack::Mask(c.length - 1) : refpack::Mask(c.length);
