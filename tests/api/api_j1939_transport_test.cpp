@@ -18,8 +18,6 @@
 
 namespace {
 
-// ---- Frames built independently of the library ---------------------------
-
 struct Frame {
     uint32_t id = 0;
     std::vector<uint8_t> data;
@@ -40,9 +38,6 @@ Frame Cm(uint8_t from, uint8_t to, std::vector<uint8_t> head, uint32_t pgn = kPg
     head.insert(head.end(), {uint8_t(pgn), uint8_t(pgn >> 8), uint8_t(pgn >> 16)});
     return {0x1CEC0000u | uint32_t(to) << 8 | from, head};
 }
-Frame Rts(uint8_t from, uint8_t to, uint16_t size, uint8_t packets, uint32_t pgn = kPgn) {
-    return Cm(from, to, {0x10, uint8_t(size), uint8_t(size >> 8), packets, 0xFF}, pgn);
-}
 // Packet `seq` of `payload`, padded with 0xFF; `flip` corrupts its first byte.
 Frame Dt(uint8_t from, uint8_t to, const std::vector<uint8_t>& payload, uint8_t seq,
          uint8_t flip = 0) {
@@ -60,8 +55,6 @@ std::vector<uint8_t> Bytes(size_t n, uint32_t seed) {
     for (auto& b : v) b = uint8_t(rng());
     return v;
 }
-
-// ---- One tarn_j1939 and what it reported -------------------------------
 
 struct Report {
     bool transfer;
@@ -122,8 +115,6 @@ struct Node {
         return s;
     }
 };
-
-// ---- Nodes on a lossy bus ---------------------------------------------
 
 struct Faults {
     double loss, duplicate, swap;
@@ -246,8 +237,6 @@ INSTANTIATE_TEST_SUITE_P(Seeds, LossyBus,
                                                               Faults{0.05, 0.05, 0.2}),
                                             ::testing::Range(1u, 9u)));
 
-// ---- A scripted peer ---------------------------------------------------
-
 const std::vector<uint8_t> kPayload = Bytes(20, 7);  // three packets
 
 // A frame as scripts name it, "[from:to] kind numbers": rts size packets
@@ -264,7 +253,9 @@ Frame Parse(std::istringstream& in, unsigned from, unsigned to) {
     std::string n;
     for (int i = 0; i < 3 && in >> n; ++i) a[i] = uint32_t(std::stoul(n, nullptr, 0));
     const uint8_t f = uint8_t(from), t = uint8_t(to);
-    if (kind == "rts") return Rts(f, t, uint16_t(a[0]), uint8_t(a[1]), a[2] ? a[2] : kPgn);
+    if (kind == "rts")
+        return Cm(f, t, {0x10, uint8_t(a[0]), uint8_t(a[0] >> 8), uint8_t(a[1])},
+                  a[2] ? a[2] : kPgn);
     if (kind == "cts") return Cm(f, t, {0x11, uint8_t(a[0]), uint8_t(a[1])});
     if (kind == "ack") return Cm(f, t, {0x13, uint8_t(a[0]), uint8_t(a[0] >> 8), uint8_t(a[1])});
     if (kind == "abort") return Cm(f, t, {0xFF, uint8_t(a[0])}, a[1] ? a[1] : kPgn);
@@ -387,7 +378,7 @@ TEST(Capacity, FourThousandConcurrentSessionsThenRefusal) {
     Node listener(TARN_J1939_NO_ADDRESS, 16, 50, kCap);
     auto from = [](size_t i) { return uint8_t(i / 32); };
     auto to = [](size_t i) { return uint8_t(0x80 + i % 32); };
-    for (size_t i = 0; i <= kCap; ++i) listener.Receive(0, Rts(from(i), to(i), 20, 3));
+    for (size_t i = 0; i <= kCap; ++i) listener.Receive(0, Cm(from(i), to(i), {0x10, 20, 0, 3}));
     for (size_t i = 0; i < kCap; ++i) listener.Receive(1, Cm(to(i), from(i), {0x11, 3, 1}));
     for (uint8_t seq = 1; seq <= 3; ++seq) {
         for (size_t i = 0; i < kCap; ++i)
