@@ -127,7 +127,8 @@ class LossyBus : public ::testing::TestWithParam<std::tuple<Faults, uint32_t>> {
 // watches. Frames reach every other node in 1 ms ticks; idle time jumps to
 // the next timer.
 TEST_P(LossyBus, EveryTransferArrivesExactOrIsReportedEnded) {
-    const auto [faults, seed] = GetParam();
+    const Faults faults = std::get<0>(GetParam());
+    const uint32_t seed = std::get<1>(GetParam());
     constexpr int kNodes = 5, kRounds = 3;
     std::vector<std::unique_ptr<Node>> nodes;
     for (int i = 0; i < kNodes; ++i)
