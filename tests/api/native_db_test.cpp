@@ -152,6 +152,33 @@ TEST(NativeDb, OpenFailuresAreStatusesWithReasons) {
     EXPECT_EQ(tarn_db_open(nullptr, 0, &db, nullptr, 0), TARN_ERR_ARGUMENT);
 }
 
+// A malformed line costs only itself, reaches the log handler and the
+// diagnostics, and refuses the whole file when opening strictly.
+TEST(NativeDb, MalformedSignalIsReportedOrRefusedWhenStrict) {
+    const std::string text = std::string(kHeader) +
+                             "BO_ 1 M: 8 ECU\n SG_ A : 0|8@1+ (1,0) [0|0] \"\" ECU\n"
+                             " SG_ Bad 8|8@1+ (1,0) [0|0] \"\" ECU\n"
+                             " SG_ C : 16|8@1+ (1,0) [0|0] \"\" ECU\n";
+    std::vector<std::string> logged;
+    tarn_set_log_handler(
+        [](void* user, int, const char* line) {
+            static_cast<std::vector<std::string>*>(user)->push_back(line);
+        },
+        &logged);
+    auto db = tarn::Database::from_text(text);
+    tarn_set_log_handler(nullptr, nullptr);
+    EXPECT_EQ(db.find("M")->signals().size(), 2u);
+    const auto diags = db.diagnostics();
+    ASSERT_EQ(diags.size(), 1u);
+    EXPECT_EQ(diags[0].line, 7u);
+    EXPECT_STREQ(diags[0].section, "SG_");
+    EXPECT_EQ(logged.size(), 1u);
+    tarn_db* strict = nullptr;
+    EXPECT_EQ(tarn_db_open_buffer(text.data(), text.size(), TARN_OPEN_STRICT, &strict, nullptr, 0),
+              TARN_ERR_PARSE);
+    EXPECT_EQ(strict, nullptr);
+}
+
 // One database, several threads, different frames: every result is what a
 // lone thread gets (run under ThreadSanitizer in CI).
 TEST(NativeDb, ThreadsShareOneDatabase) {

@@ -97,12 +97,10 @@ void ExpectValue(const Case& c, uint64_t field, const tarn_value& v) {
     }
 }
 
-int Encode(Fixture& fx, size_t i, const tarn_input& in, std::vector<uint8_t>& out,
-           unsigned flags = 0) {
+int Encode(Fixture& fx, size_t i, const tarn_input& in, std::vector<uint8_t>& out) {
     out.assign(fx.cases[i].payload, 0);
     size_t written = 0, failed = 0;
-    const int rc =
-        fx.plan.Encode(fx.net, i, &in, 1, flags, out.data(), out.size(), &written, &failed);
+    const int rc = fx.plan.Encode(fx.net, i, &in, 1, 0, out.data(), out.size(), &written, &failed);
     EXPECT_EQ(written, rc == TARN_OK ? out.size() : 0);
     return rc;
 }
