@@ -101,10 +101,8 @@ TEST(LogReplay, EveryLogGivesItsTransfersByteExact) {
     }
 }
 
-// Lamps and trouble codes: the DM1 log's frames (no active code, then SPN 91,
-// the accelerator pedal, FMI 3 once with the malfunction lamp on), and a
-// transfer-sized payload putting every SPN bit in place among padding, a
-// "no code" entry and a partial tail, into a buffer large enough or not.
+// Lamps and trouble codes: the DM1 log's two frames, and a transfer-sized
+// payload with every SPN bit in use, padding, a "no code" entry and a partial tail.
 TEST(DmParse, LampsAndTroubleCodes) {
     struct Case {
         std::vector<uint8_t> payload;

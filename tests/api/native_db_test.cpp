@@ -47,7 +47,7 @@ const char* const kTexts =
     " SG_ Temp : 0|8@1+ (0.5,15) [15|50] \"degC\" ECU\n"
     " SG_ Mode : 8|8@1- (1,0) [-128|127] \"\" ECU\n"
     "VAL_ 1 Temp 0 \"LO\" 26 \"HI\" ;\n"
-    "VAL_ 1 Mode -5 \"A negative value\" 3 \"three\" ;\n";
+    "VAL_ 1 Mode -5 \"minus five\" 3 \"three\" ;\n";
 const char* const kCascade =
     "BO_ 2147483649 Ext: 8 ECU\n"
     " SG_ B1 m1 : 24|8@1+ (1,0) [0|0] \"\" ECU\n"
@@ -73,11 +73,7 @@ TEST(NativeDb, DecodesFramesAsTheFileSays) {
     };
     const Row rows[] = {
         // Texts are keyed by the raw value, signed ones included.
-        {kTexts,
-         1,
-         false,
-         {0, 0xFB, 0, 0, 0, 0, 0, 0},
-         "Temp=15'LO' Mode=-5'A negative value' absent=0"},
+        {kTexts, 1, false, {0, 0xFB, 0, 0, 0, 0, 0, 0}, "Temp=15'LO' Mode=-5'minus five' absent=0"},
         {kTexts, 1, false, {26, 3, 0, 0, 0, 0, 0, 0}, "Temp=28'HI' Mode=3'three' absent=0"},
         {kTexts, 1, false, {22, 4, 0, 0, 0, 0, 0, 0}, "Temp=26 Mode=4 absent=0"},
         {kTexts, 2, false, {0}, "not found"},
