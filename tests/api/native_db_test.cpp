@@ -89,20 +89,27 @@ TEST(NativeDb, DecodesFramesAsTheFileSays) {
 }
 
 TEST(NativeDb, WideMultiplexedMessageKeepsEverySignal) {
-    // 600 plain signals first, the switch last: a fixed record would drop it.
-    std::string body = "BO_ 2 Wide: 64 ECU\n";
-    for (int i = 0; i < 600; ++i)
+    // 600 plain signals with 21 multiplexed ones among them and the switch
+    // last: a fixed record would drop it; decode must keep message order.
+    std::string body = "BO_ 2 Wide: 64 ECU\n", expect;
+    for (int i = 0; i < 600; ++i) {
         body += " SG_ P" + std::to_string(i) + " : " + std::to_string(16 + i % 400) +
                 "|1@1+ (1,0) [0|1] \"\" ECU\n";
-    body += " SG_ A m1 : 8|8@1+ (1,0) [0|0] \"\" ECU\n";
-    body += " SG_ B m2 : 8|8@1+ (1,0) [0|0] \"\" ECU\n";
+        expect += "P" + std::to_string(i) + "=0 ";
+        if (i % 30 != 0) continue;
+        const std::string q = std::to_string(i / 30);
+        body +=
+            " SG_ Q" + q + " m" + std::to_string(i / 30 % 4) + " : 8|8@1+ (1,0) [0|0] \"\" ECU\n";
+        if (i / 30 % 4 == 2) expect += "Q" + q + "=7 ";
+    }
+    body += " SG_ R m1 : 8|8@1+ (1,0) [0|0] \"\" ECU\n";  // selected by a range, 1 to 3
     body += " SG_ Sel M : 0|8@1+ (1,0) [0|0] \"percent duty cycle\" ECU\n";
+    body += "SG_MUL_VAL_ 2 R Sel 1-3;\n";
     auto db = Open(body);
     std::vector<uint8_t> data(64, 0);
     data[0] = 2;
-    const std::string got = Decode(db, 2, false, data);
-    EXPECT_NE(got.find("P599=0 B=0 Sel=2 absent=0"), std::string::npos) << got;
-    EXPECT_EQ(got.find(" A="), std::string::npos);
+    data[1] = 7;
+    EXPECT_EQ(Decode(db, 2, false, data), expect + "R=7 Sel=2 absent=0");
     EXPECT_EQ(db.find(2, false)->find_signal("Sel")->unit(), "percent duty cycle");
 }
 

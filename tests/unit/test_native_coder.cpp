@@ -179,34 +179,3 @@ TEST(NativeCoder, DecodeAndEncodeMatchTheReference) {
 }
 
 }  // namespace
-
-// The switch-value index of wide multiplexed messages selects exactly what
-// the plain walk over every signal selects, on a real file full of them.
-TEST(NativeCoder, MultiplexIndexMatchesThePlainWalk) {
-    const std::string path = refpack::CorpusFile("opendbc-pr1020__tesla_model3_veh.dbc");
-    if (path.empty()) GTEST_SKIP() << "corpus not present";
-    Network net;
-    ASSERT_EQ(tarn::net::ReadFile(path, tarn::net::ReadOptions{}, net), tarn::net::ReadStatus::Ok);
-    NetworkPlan indexed, plain;
-    indexed.Build(net);
-    plain.Build(net, false);
-    refpack::Rng rng(9);
-    std::vector<tarn_value> a(plain.MaxSignals()), b(plain.MaxSignals());
-    for (size_t m = 0; m < net.messages.size(); ++m) {
-        for (int round = 0; round < 20; ++round) {
-            uint8_t data[64];
-            for (auto& x : data) x = static_cast<uint8_t>(rng.Next());
-            data[0] = static_cast<uint8_t>(round);  // low switch values are the populated ones
-            uint32_t na = 0, nb = 0, absentA = 0, absentB = 0;
-            const size_t len = net.messages[m].length;
-            indexed.Decode(m, data, len, a.data(), a.size(), &na, &absentA);
-            plain.Decode(m, data, len, b.data(), b.size(), &nb, &absentB);
-            ASSERT_EQ(na, nb) << net.messages[m].name;
-            ASSERT_EQ(absentA, absentB);
-            for (uint32_t k = 0; k < na; ++k) {
-                ASSERT_EQ(a[k].signal, b[k].signal);
-                ASSERT_EQ(a[k].raw.u, b[k].raw.u);
-            }
-        }
-    }
-}
