@@ -1,6 +1,5 @@
-// Test-only helpers shared by the unit and interface tests: an independent
-// bit-by-bit signal packer, a seeded generator and the corpus location. No
-// library code is used here, so the tests compare against something else.
+// Test-only reference: a bit-by-bit signal packer that shares no code with
+// the library, a seeded generator and the corpus location.
 #pragma once
 
 #include <unistd.h>
@@ -13,14 +12,11 @@
 
 namespace refpack {
 
-// Bit positions (byte * 8 + bit) of a signal, least significant bit first.
-// Intel signals count upwards from the start bit; Motorola signals start at
-// their most significant bit and walk down, continuing at bit 7 of the next byte.
+// Bit positions (byte * 8 + bit) of a signal, least significant first. Motorola
+// signals start at their top bit and walk down into bit 7 of the next byte.
 inline std::vector<uint64_t> BitPositions(uint64_t start, uint32_t len, bool motorola) {
     std::vector<uint64_t> pos;
-    pos.reserve(len);
-    uint64_t p = start;
-    for (uint32_t i = 0; i < len; ++i) {
+    for (uint64_t i = 0, p = start; i < len; ++i) {
         pos.push_back(p);
         p = !motorola ? p + 1 : (p % 8 == 0 ? p + 15 : p - 1);
     }
@@ -33,9 +29,8 @@ inline bool GetBit(const uint8_t* payload, uint64_t pos) {
 }
 
 inline void SetBit(uint8_t* payload, uint64_t pos, bool value) {
-    const uint8_t bit = static_cast<uint8_t>(1u << (pos % 8));
-    payload[pos / 8] = value ? static_cast<uint8_t>(payload[pos / 8] | bit)
-                             : static_cast<uint8_t>(payload[pos / 8] & ~bit);
+    payload[pos / 8] =
+        uint8_t((payload[pos / 8] & ~(1u << (pos % 8))) | unsigned{value} << (pos % 8));
 }
 
 inline void Pack(uint8_t* payload, uint64_t start, uint32_t len, bool motorola, uint64_t raw) {
@@ -54,29 +49,27 @@ inline uint64_t Mask(uint32_t len) {
     return len >= 64 ? ~uint64_t{0} : (uint64_t{1} << len) - 1;
 }
 
-// Deterministic xorshift generator, so failures reproduce.
+// Deterministic xorshift, so failures reproduce.
 class Rng {
-public:
+  public:
     explicit Rng(uint64_t seed) : m_state(seed * 0x9E3779B97F4A7C15ull + 1) {}
     uint64_t Next() {
         m_state ^= m_state << 13;
         m_state ^= m_state >> 7;
-        m_state ^= m_state << 17;
-        return m_state;
+        return m_state ^= m_state << 17;
     }
 
-private:
+  private:
     uint64_t m_state;
 };
 
-// Path of a public corpus file, or "" when the corpus is not there.
+// Path of a corpus file, or "" when the corpus is not there.
 inline std::string CorpusFile(const std::string& name) {
 #ifdef TARN_CORPUS_DIR
     const std::string path = std::string(TARN_CORPUS_DIR) + "/" + name;
     if (access(path.c_str(), R_OK) == 0) return path;
-#else
-    (void)name;
 #endif
+    (void)name;
     return std::string();
 }
 
