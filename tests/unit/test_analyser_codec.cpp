@@ -196,9 +196,6 @@ TEST(AnalyserGroupDecode, RecordShowsTheGroupsMessageWithItsHeldValues) {
         EXPECT_EQ(out->signals[0].rawValue, raw) << byId;
         EXPECT_EQ(std::string(out->signals[0].valueDescription), desc) << byId;
     }
-    // Only the group-compared identifier lookup has no public caller.
-    ASSERT_TRUE(a.GetMessageByPgn(0xFEF1, out.get()));
-    EXPECT_EQ(std::string(out->name), "A");
 }
 
 // --- translation ----------------------------------------------------------------

@@ -146,41 +146,6 @@ TEST(BitPacking, HostileAndDegenerateSignals) {
     EXPECT_TRUE(coder.Cmd2Data("abc", out, &s16, 2) && out[0] == 0 && out[1] == 0);
 }
 
-// Signals at bit 0 with descriptions ON = 3, OFF = 5, ON = 7 (the first match
-// wins and is scaled like a number). Literals keep their first 8 bytes, negative
-// values on unsigned or 1-bit signals keep the magnitude, a factor of 0 acts as
-// 1, and values beyond 64 bits saturate.
-TEST(GenerateValue, TextToRaw) {
-    DBCCoder coder(nullptr);
-    struct {
-        const char* text;
-        uint32_t len;
-        bool isSigned;
-        double factor, offset;
-        uint8_t type;
-        uint64_t want;
-    } cases[] = {
-        // clang-format off
-        {"0", 8, 0, 1, -40, 0, 40}, {"-40", 8, 0, 1, -40, 0, 0}, {"abc", 8, 0, 1, 0, 0, 0x636261},
-        {"ABCDEFGHIJ", 8, 0, 1, 0, 0, 0x4847464544434241}, {"", 8, 0, 1, 0, 0, 0},
-        {nullptr, 8, 0, 1, 0, 0, 0}, {"+0", 8, 0, 1, 0, 0, 0}, {".0", 8, 0, 1, 0, 0, 0},
-        {"ON", 8, 0, 2, 1, 0, 1}, {"OFF", 8, 0, 2, 1, 0, 2}, {"on", 8, 0, 2, 1, 0, 0x6E6F},
-        {"-1", 8, 1, 1, 0, 0, 0xFF}, {"-1", 8, 0, 1, 0, 0, 1}, {"-1", 1, 1, 1, 0, 0, 1},
-        {"-1", 64, 1, 1, 0, 0, UINT64_MAX}, {"2.5", 8, 0, 1, 0, 0, 3},
-        {"-2.5", 8, 1, 1, 0, 0, 0xFD},
-        {"0x10", 8, 0, 1, 0, 0, 16}, {"20", 16, 0, 0.5, 10, 0, 20}, {"11", 16, 0, 0, 1, 0, 10},
-        {"1.25", 32, 0, 1, 0, 1, BitsOf(1.25f)}, {"2.5", 64, 0, 2, 0, 2, BitsOf(1.25)},
-        {"1e30", 8, 0, 1, 0, 0, UINT64_MAX}, {"nan", 8, 0, 1, 0, 0, 0},
-        {"9223372036854775808", 8, 0, 1, 0, 0, 1ull << 63},
-        // clang-format on
-    };
-    for (const auto& c : cases) {
-        Signal sig = Sig(0, c.len, false, c.isSigned, c.factor, c.offset, c.type);
-        sig.valueDescs = {{3.0, "ON"}, {5.0, "OFF"}, {7.0, "ON"}};
-        EXPECT_EQ(c.want, coder.GenerateValue(c.text, sig)) << (c.text ? c.text : "(null)");
-    }
-}
-
 // Plain decimal only for non-negative integers with factor 1 and offset 0; a
 // factor of 0 adds only the offset to integers but multiplies floats by 0.
 // Value tables are matched with the number that text reads as.
