@@ -1,6 +1,5 @@
-// Frame entry points in both caller layouts: analysis, decoding and encoding
-// against the reference packer, the encode capacity rule, CAN FD splitting
-// and sending, and the raw/physical conversions.
+// Frame entry points in both caller layouts, CAN FD, and the raw/physical
+// conversions; payloads are checked against the reference packer.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -75,8 +74,7 @@ std::vector<Frame> Packets(const std::vector<uint8_t>& payload) {
 
 TEST_P(ApiFrames, DecodeReassemblesSequenceNumberedFrames) {
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, back.get()));
-    const std::vector<uint8_t> payload = FillRandom(*back, layout());
-    std::vector<Frame> frames = Packets(payload);
+    std::vector<Frame> frames = Packets(FillRandom(*back, layout()));
     std::vector<uint8_t> wire = WireArray(frames);
     ASSERT_TRUE(TARN_Decode(h, msg.get(), wire.data(), 3));
     EXPECT_EQ(RawValues(*msg), RawValues(*back));

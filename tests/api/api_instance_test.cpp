@@ -191,8 +191,8 @@ TEST_F(ApiInstance, ValueTablesAndNodes) {
 }
 
 // Any protocol value but J1939 (0) reads back as 1. Under J1939 rules lookups
-// ignore priority, source address and the PDU1 destination byte; otherwise
-// only bit 31 is ignored.
+// ignore priority, source address and the PDU1 destination byte (so any PDU1
+// identifier of group 0 finds Engine); otherwise only bit 31 is ignored.
 TEST_F(ApiInstance, LookupByIdFollowsTheProtocol) {
     EXPECT_EQ(TARN_GetProtocol(h), 1u);  // the database declares none
     const struct {
@@ -202,7 +202,7 @@ TEST_F(ApiInstance, LookupByIdFollowsTheProtocol) {
     } cases[] = {
         {1, 0x18FEF100, true},  {0xFF, 0x98FEF100, true}, {2, 0x18FEF1FE, false},
         {1, 0x0CFEF100, false}, {0, 0x18FEF1FE, true},    {0, 0x0CFEF1AA, true},
-        {0, 0x18FEF200, false}, {0, kEngineId, true},
+        {0, 0x18FEF200, false}, {0, kEngineId, true},     {0, 0x1C00AB55, true},
     };
     for (const auto& c : cases) {
         TARN_SetProtocol(h, c.protocol);

@@ -90,9 +90,10 @@ class AnalyserCodec : public ::testing::Test {
         ASSERT_TRUE(LoadText(a, kDb + ("VAL_ 296 Long 7 \"" + std::string(200, 'd') + "\" ;\n")));
     }
 
-    // Decodes one frame of message `id` whose `signal` holds `raw`, other bits 0xA5.
+    // Decodes one frame of message `id` whose `signal` holds `raw`, other bits
+    // 0xA5; `def` keeps the message as the lookup reports it.
     std::unique_ptr<DBCMessage> DecodeWith(uint32_t id, const char* signal, uint64_t raw) {
-        auto def = NewMessage(), out = NewMessage();
+        auto out = NewMessage();
         EXPECT_TRUE(a.GetMessageById(id, def.get()));
         const DBCSignal* s = Slot(*def, signal);
         uint8_t data[8];
@@ -104,10 +105,12 @@ class AnalyserCodec : public ::testing::Test {
     }
 
     CAnalyser a;
+    std::unique_ptr<DBCMessage> def = NewMessage();
 };
 
 // The switch value is the physical value truncated toward zero, low 16 bits;
-// the plain slots, the switch and the matching slots stay, in slot order.
+// the plain slots, the switch and the matching slots stay, in slot order,
+// and the slots behind them keep the message's own slots at those places.
 TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
     const std::tuple<uint32_t, uint32_t, std::vector<std::string>> cases[] = {
         {292, 3, {"Plain", "Sw", "B3", "C3"}},
@@ -118,8 +121,12 @@ TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
         {293, 8, {"Sw", "X4"}},
         {294, 0xFF, {"Sw", "Y"}},  // -1
         {295, 7, {"Sw", "Y"}}};    // -3.5
-    for (const auto& [id, sw, kept] : cases)
-        EXPECT_EQ(Names(*DecodeWith(id, "Sw", sw)), kept) << id << " " << sw;
+    for (const auto& [id, sw, kept] : cases) {
+        const auto out = DecodeWith(id, "Sw", sw);
+        EXPECT_EQ(Names(*out), kept) << id << " " << sw;
+        for (uint32_t p = out->signalCount; p < def->signalCount; ++p)
+            EXPECT_STREQ(out->signals[p].name, def->signals[p].name) << id << " " << sw;
+    }
 }
 
 // The decoded value is compared with the table: for a scaled signal that is
@@ -140,7 +147,8 @@ TEST_F(AnalyserCodec, DecodedValueIsLookedUpInTheTable) {
         {298, "Fine", 30000006, ""},
         {298, "Tenths", 30, "Three"}};
     for (const auto& [id, signal, raw, expected] : cases) {
-        const DBCSignal* s = Slot(*DecodeWith(id, signal, raw), signal);
+        const auto out = DecodeWith(id, signal, raw);
+        const DBCSignal* s = Slot(*out, signal);
         ASSERT_NE(s, nullptr) << signal;
         EXPECT_EQ(std::string(s->valueDescription, strnlen(s->valueDescription, TARN_VALDESC_LEN)),
                   expected)
@@ -297,13 +305,18 @@ TEST(AnalyserTranslate, LongTextsFillTheWholeBufferWithoutTerminator) {
                                     node + "\n SG_ " + sig + " : 0|8@1+ (1,0) [0|0] \"" + unit +
                                     "\" " + node + "\n\nCM_ BO_ 5 \"" + comment +
                                     "\";\nCM_ SG_ 5 " + sig + " \"" + comment + "\";\n"));
-        auto out = NewMessage();
-        ASSERT_TRUE(a.GetMessageById(5, out.get()));
-        ExpectBounded(out->name, TARN_NAME_LEN, msg);
-        ExpectBounded(out->comment, TARN_COMMENT_LEN, comment);
-        ExpectBounded(out->signals[0].name, TARN_NAME_LEN, sig);
-        ExpectBounded(out->signals[0].comment, TARN_COMMENT_LEN, comment);
-        ExpectBounded(out->signals[0].unit, TARN_UNIT_LEN, unit);
+        const uint8_t data[8] = {};
+        const VCI_CAN_OBJ f = Frame(5, false, data);
+        for (bool decode : {false, true}) {
+            auto out = NewMessage();
+            ASSERT_TRUE(decode ? a.Decode(out.get(), &f, 1, false)
+                               : a.GetMessageById(5, out.get()));
+            ExpectBounded(out->name, TARN_NAME_LEN, msg);
+            ExpectBounded(out->comment, TARN_COMMENT_LEN, comment);
+            ExpectBounded(out->signals[0].name, TARN_NAME_LEN, sig);
+            ExpectBounded(out->signals[0].comment, TARN_COMMENT_LEN, comment);
+            ExpectBounded(out->signals[0].unit, TARN_UNIT_LEN, unit);
+        }
         DBCNetworkNode n;
         memset(&n, 0x11, sizeof n);
         ASSERT_TRUE(a.GetNetworkNodeAt(0, &n));
