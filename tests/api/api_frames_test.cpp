@@ -109,8 +109,7 @@ TEST_P(ApiFrames, EncodeMatchesReferencePackerAndRoundTrips) {
     }
 }
 
-// *count is the capacity going in and the frames written coming out; the
-// result says whether the encoder produced anything at all.
+// *count is the capacity going in and the frames written coming out.
 TEST_P(ApiFrames, EncodeHonoursCapacity) {
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, msg.get()));
     const std::vector<Frame> reference = Packets(FillRandom(*msg, 3));
@@ -182,8 +181,8 @@ struct FdCapture {
     }
 };
 
-// Sending as FD packs the encoded packets back into one FD frame, which then
-// decodes to the same values; failures of the sender come back as failures.
+// Sending as FD packs the encoded packets into one FD frame that decodes to
+// the same values; sender failures come back as failures.
 TEST_P(ApiFd, SendBuildsOneFdFrame) {
     FdCapture cap;
     for (uint32_t id : {kLong20Id, kEngineId}) {

@@ -18,9 +18,8 @@ bool AllBytes(const void* p, size_t n, uint8_t value) {
     return std::all_of(b, b + n, [&](uint8_t x) { return x == value; });
 }
 
-// Every handle-taking entry point, called with a handle never given out or
-// one already released, returns its "none" result and leaves the caller's
-// buffers alone.
+// Every entry point, given a handle never issued or already released, gives
+// its "none" result and leaves the caller's buffers alone.
 TEST(ApiUnknownHandle, EveryEntryPointReturnsItsNoneResult) {
     TARN_SetFrameType(TARN_FRAME_SOCKETCAN);
     const uint32_t released = TARN_Init(true, false);
@@ -38,8 +37,7 @@ TEST(ApiUnknownHandle, EveryEntryPointReturnsItsNoneResult) {
     shortMsg->size = 8;
     longMsg->size = 100;
     uint32_t n = 4;
-    // Each row is zero when the call gave its "none" result; void calls must
-    // simply do nothing.
+    // Each row is zero for the "none" result.
 #define NONE(expr) std::make_pair(#expr, [&](uint32_t h) -> uint64_t { return expr; })
     const std::vector<std::pair<const char*, std::function<uint64_t(uint32_t)>>> calls = {
         NONE(TARN_LoadFile(h, &info)),

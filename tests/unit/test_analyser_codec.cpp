@@ -1,6 +1,5 @@
-// The analyser over small hand-written databases: translation into public
-// records, multiplexer selection, value descriptions and encoding. Payloads
-// are packed and read back with the bit-by-bit reference packer.
+// The analyser over hand-written databases: records, multiplexer selection,
+// value descriptions and encoding, with payloads from the reference packer.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -129,11 +128,9 @@ TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
     }
 }
 
-// The decoded value is compared with the table: for a scaled signal that is
-// the physical value, for a negative signed one its negative value (raw 0xFF
-// of Neg is -1, which the table lacks). Long texts fill the whole buffer, and
-// 20-digit table values read as the nearest double. Scaled values are
-// compared as their six-decimal text reads: 3.0000004 and 30 * 0.1 as 3.
+// Tables are searched with the physical value (signed: -1 for raw 0xFF) as
+// its six-decimal text reads: 3.0000004 and 30 * 0.1 find 3. Long texts fill
+// the buffer; 20-digit table values read as the nearest double.
 TEST_F(AnalyserCodec, DecodedValueIsLookedUpInTheTable) {
     const std::tuple<uint32_t, const char*, uint64_t, std::string> cases[] = {
         {296, "Scaled", 2, "Four"},
@@ -181,10 +178,8 @@ TEST_F(AnalyserCodec, UnselectedMultiplexedSignalsAreNotEncoded) {
     EXPECT_EQ(msg->size, 55u);
 }
 
-// Under J1939 an identifier lookup (TARN_Decode's) can decode another message
-// of a group than the group lookup finds. The record shows the found one with
-// the raw values its own last decode left, and its table texts for the
-// values decoded under the same signal name.
+// Under J1939 an identifier lookup can decode another message of a group than
+// the group lookup finds; the record shows the latter with its held values.
 TEST(AnalyserGroupDecode, RecordShowsTheGroupsMessageWithItsHeldValues) {
     CAnalyser a;
     ASSERT_TRUE(LoadText(a, kJ1939));
@@ -255,9 +250,8 @@ TEST(AnalyserTranslate, ThreeHundredSignalsKeepTheFirst256Sorted) {
     }
 }
 
-// A reused record: the 256 slots are zeroed, name and comment are copied over
-// without clearing the rest of their buffers, and cycleTime comes from an
-// integer or float attribute or else keeps the caller's previous value.
+// A reused record: slots are zeroed, text tails are left, and cycleTime comes
+// from an integer or float attribute or keeps the caller's value.
 TEST(AnalyserTranslate, ReusedRecordKeepsWhatTranslationDoesNotWrite) {
     const std::tuple<const char*, const char*, double> cases[] = {{"INT 0 65535", "20", 20.0},
                                                                   {"FLOAT 0 1000", "12.5", 12.5},

@@ -1,6 +1,5 @@
-// The message coder: bit packing against the bit-by-bit reference packer,
-// text and value conversions, J1939 keys and lookups, multi-packet decoding
-// and encode splitting.
+// The message coder: bit packing against the reference packer, value texts,
+// J1939 lookups, multi-packet decoding and encode splitting.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -44,9 +43,8 @@ uint64_t BitsOf(T v) {
     return bits;
 }
 
-// What extraction yields: the reference value, except that when the most
-// significant bit's byte holds a partial run of t bits (and is not the least
-// significant bit's byte), those bits enter through a signed 32-bit shift by L - t.
+// The reference value, except that a partial top byte of t bits (not the lowest
+// byte) enters through a signed 32-bit shift by L - t.
 uint64_t Documented(const uint8_t* p, uint32_t start, uint32_t len, bool motorola) {
     const std::vector<uint64_t> bits = refpack::BitPositions(start, len, motorola);
     const uint64_t exact = refpack::Extract(p, start, len, motorola);
@@ -64,11 +62,9 @@ class BitSweep : public ::testing::TestWithParam<bool> {
     const DBCCoder coder{nullptr};
 };
 
-// Every start bit 0..63 and length 1..64: insertion into 0x00- and 0xFF-filled
-// payloads changes exactly the signal's bits; extraction follows the reference
-// (and the 32-bit rule above where it is not exact). In an 8-byte buffer a
-// placement is accepted exactly when all its bits are inside; refused ones
-// read 0 and leave the buffer untouched.
+// Every start bit and length: insertion changes exactly the signal's bits and
+// extraction follows the reference. In an 8-byte buffer a placement is taken
+// exactly when all its bits are inside; refused ones read 0 and write nothing.
 TEST_P(BitSweep, InsertionAndExtractionMatchTheReference) {
     const bool motorola = GetParam();
     refpack::Rng rng(motorola ? 11 : 22);
@@ -178,10 +174,8 @@ TEST(RawToPhysical, ValuesAndTextForms) {
 
 // --- messages ------------------------------------------------------------------
 
-// Pdu1 (20 bytes) has signals in the first packet, across the first packet
-// boundary (bytes 6-7), in Motorola order (bytes 8-9) and in the last byte.
-// Dup shares Pdu2's PGN and comes first in identifier order, so Pdu2 owns that
-// key. Std places Away beyond the decode buffer, Edge inside it but past 1785.
+// Pdu1 spans three packets; Dup shares Pdu2's PGN but comes first, so Pdu2
+// owns the key. Away lies beyond the decode buffer, Edge past 1785 bytes.
 const char kDbc[] = R"(BU_: ECU
 BO_ 291 Std: 8 ECU
  SG_ A : 0|8@1+ (1,0) [0|255] "" ECU
@@ -271,9 +265,8 @@ TEST(PGN1939, KeysKeepThePgnInPlace) {
     for (const auto& [id, key] : cases) EXPECT_EQ(key, coder.PGN1939(id)) << std::hex << id;
 }
 
-// J1939 mode looks messages up by PGN (the later of two messages in database
-// order wins a shared key); ordinary CAN mode and lookups by identifier use the
-// identifier without its flag bits.
+// J1939 mode looks messages up by PGN (the later message wins a shared key);
+// otherwise, and by identifier, the identifier without flag bits counts.
 TEST_F(CoderTest, LookupsFollowTheProtocol) {
     struct {
         uint32_t id;
@@ -299,9 +292,8 @@ TEST_F(CoderTest, LookupsFollowTheProtocol) {
     }
 }
 
-// A single frame decodes from all eight bytes whatever its length field, and
-// leaves each raw value in the model. Signals beyond the frame payload read 0,
-// and a record naming one of them encodes nothing.
+// A frame decodes from all eight bytes whatever its length field. Signals
+// beyond the payload read 0, and a record naming one encodes nothing.
 TEST_F(CoderTest, SingleFrameDecodeAndSignalsOutsideTheBuffers) {
     VCI_CAN_OBJ f = Frame(0x123, {0x7F, 0x81, 0x20});
     f.dataLen = 1;
