@@ -1,7 +1,6 @@
 // The analyser over hand-written databases: records, multiplexer selection,
 // value descriptions and encoding, with payloads from the reference packer.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -10,34 +9,14 @@
 #include <tuple>
 #include <vector>
 
-#include "legacy/analyser.h"
+#include "analyser_test_util.h"
 #include "support/ref_packer.h"
 
 namespace {
 
-std::unique_ptr<DBCMessage> NewMessage() {
-    return std::make_unique<DBCMessage>();
-}
-
-// Loads the text through a real file, the way applications do.
-bool LoadText(CAnalyser& a, const std::string& text) {
-    char path[] = "/tmp/tarn_analyser_XXXXXX";
-    const int fd = mkstemp(path);
-    if (fd < 0) return false;
-    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    FileInfo info{};
-    snprintf(info.path, sizeof info.path, "%s", path);
-    const bool ok = written && a.Load(&info);
-    unlink(path);
-    return ok;
-}
-
-std::vector<std::string> Names(const DBCMessage& m) {
-    std::vector<std::string> names;
-    for (uint32_t i = 0; i < m.signalCount; ++i) names.emplace_back(m.signals[i].name);
-    return names;
-}
+using atest::LoadText;
+using atest::Names;
+using atest::NewMessage;
 
 const DBCSignal* Slot(const DBCMessage& m, const std::string& name) {
     for (uint32_t i = 0; i < m.signalCount; ++i)
@@ -54,12 +33,10 @@ VCI_CAN_OBJ Frame(uint32_t id, bool extended, const uint8_t* data) {
     return f;
 }
 
-const char* kJ1939 =
-    "VERSION \"\"\n\nBU_: Node\n\n"
-    "BO_ 2566844672 A: 8 Node\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" Node\n\n"
-    "BO_ 2566844926 B: 8 Node\n SG_ S : 8|8@1+ (2,0) [0|0] \"\" Node\n\n"
-    "BA_DEF_ \"ProtocolType\" STRING ;\nBA_DEF_DEF_ \"ProtocolType\" \"\";\n"
-    "BA_ \"ProtocolType\" \"J1939\";\nVAL_ 2566844926 S 5 \"Five\" 6 \"Six\" ;\n";
+const std::string kJ1939 = std::string(atest::kJ1939Header) +
+                           "BO_ 2566844672 A: 8 Node\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" Node\n\n"
+                           "BO_ 2566844926 B: 8 Node\n SG_ S : 8|8@1+ (2,0) [0|0] \"\" Node\n\n" +
+                           atest::kJ1939Footer + "VAL_ 2566844926 S 5 \"Five\" 6 \"Six\" ;\n";
 
 const char* kDb =
     "VERSION \"\"\n\nBU_: N\n\n"

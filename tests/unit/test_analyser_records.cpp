@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "legacy/analyser.h"
+#include "analyser_test_util.h"
 #include "stdout_capture.h"
 #include "support/ref_packer.h"
 
@@ -114,17 +114,14 @@ std::string WithoutLineNumbers(const std::string& log) {
 
 uint64_t DecodeAll(const std::string& path) {
     Db db;
-    FileInfo info{};
-    snprintf(info.path, sizeof info.path, "%s", path.c_str());
-    if (!db.a.Load(&info)) return 0;
-    for (auto m = std::make_unique<DBCMessage>(); db.a.GetNextMessage(m.get());
-         m = std::make_unique<DBCMessage>())
+    if (!atest::LoadPath(db.a, path)) return 0;
+    for (auto m = atest::NewMessage(); db.a.GetNextMessage(m.get()); m = atest::NewMessage())
         db.msgs.push_back(std::move(m));
     EXPECT_EQ(db.a.GetMessageCount(), db.msgs.size()) << path;
     const bool j1939 = db.a.GetProtocol() == TARN_PROTOCOL_J1939;
     refpack::Rng rng(db.msgs.size());
     Checksum sum;
-    auto out = std::make_unique<DBCMessage>();
+    auto out = atest::NewMessage();
     std::memset(out.get(), 0x5A, sizeof *out);  // bytes a decode leaves alone show up
     StdoutCapture log;
     for (const auto& m : db.msgs) {
