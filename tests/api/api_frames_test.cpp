@@ -1,7 +1,9 @@
-// Frame entry points in both caller layouts: analysis, decoding and encoding
-// against the reference packer, the encode capacity rule, CAN FD splitting
-// and sending, and the raw/physical conversions.
+// Frame entry points in both caller layouts, CAN FD, and the raw/physical
+// conversions; payloads are checked against the reference packer.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <tuple>
 
 #include "api_support.h"
 
@@ -31,27 +33,6 @@ class ApiFrames : public LayoutTest {
     std::unique_ptr<DBCMessage> msg = NewMessage();
     std::unique_ptr<DBCMessage> back = NewMessage();
 };
-
-// Random Engine frames: every raw value matches the reference extraction, and
-// the value description follows the decoded Gear.
-TEST_P(ApiFrames, AnalyseMatchesReferenceExtraction) {
-    refpack::Rng rng(layout() + 1);
-    const char* gears[] = {"Neutral", "First", "Second", "Third"};
-    for (int round = 0; round < 200; ++round) {
-        const uint64_t bits = rng.Next();
-        ASSERT_TRUE(Analyse(MakeFrame(kEngineId, false, reinterpret_cast<const uint8_t*>(&bits))));
-        ASSERT_EQ(msg->signalCount, 6u);
-        EXPECT_EQ(msg->id, kEngineId);
-        for (uint32_t i = 0; i < msg->signalCount; ++i) {
-            const DBCSignal& s = msg->signals[i];
-            EXPECT_EQ(s.rawValue, refpack::Extract(reinterpret_cast<const uint8_t*>(&bits),
-                                                   s.startBit, s.length, s.byteOrder == 0))
-                << s.name << " round " << round;
-        }
-        const uint64_t gear = FindSignal(*msg, "Gear")->rawValue;
-        EXPECT_STREQ(FindSignal(*msg, "Gear")->valueDescription, gear < 4 ? gears[gear] : "");
-    }
-}
 
 // The record reports the received identifier and only the signals that the
 // multiplexer switch selects; unknown frames and bad arguments fail.
@@ -93,8 +74,7 @@ std::vector<Frame> Packets(const std::vector<uint8_t>& payload) {
 
 TEST_P(ApiFrames, DecodeReassemblesSequenceNumberedFrames) {
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, back.get()));
-    const std::vector<uint8_t> payload = FillRandom(*back, layout());
-    std::vector<Frame> frames = Packets(payload);
+    std::vector<Frame> frames = Packets(FillRandom(*back, layout()));
     std::vector<uint8_t> wire = WireArray(frames);
     ASSERT_TRUE(TARN_Decode(h, msg.get(), wire.data(), 3));
     EXPECT_EQ(RawValues(*msg), RawValues(*back));
@@ -107,10 +87,11 @@ TEST_P(ApiFrames, DecodeReassemblesSequenceNumberedFrames) {
 }
 
 // Encoded frames match the reference packer byte for byte and analyse back
-// to the same raw values.
+// to the same raw values, with the value description of the decoded Gear.
 TEST_P(ApiFrames, EncodeMatchesReferencePackerAndRoundTrips) {
+    const char* gears[] = {"Neutral", "First", "Second", "Third"};
     ASSERT_TRUE(TARN_GetMessageById(h, kEngineId, msg.get()));
-    for (uint64_t round = 0; round < 100; ++round) {
+    for (uint64_t round = 0; round < 200; ++round) {
         const std::vector<uint8_t> expected = FillRandom(*msg, round * 2 + layout());
         WireFrame out[2] = {};
         uint32_t count = 2;
@@ -123,11 +104,12 @@ TEST_P(ApiFrames, EncodeMatchesReferencePackerAndRoundTrips) {
         EXPECT_EQ(std::vector<uint8_t>(f.data, f.data + 8), expected) << "round " << round;
         ASSERT_TRUE(TARN_Analyse(h, out[0].bytes, 0, back.get()));
         EXPECT_EQ(RawValues(*back), RawValues(*msg));
+        const uint64_t gear = FindSignal(*back, "Gear")->rawValue;
+        EXPECT_STREQ(FindSignal(*back, "Gear")->valueDescription, gear < 4 ? gears[gear] : "");
     }
 }
 
-// *count is the capacity going in and the frames written coming out; the
-// result says whether the encoder produced anything at all.
+// *count is the capacity going in and the frames written coming out.
 TEST_P(ApiFrames, EncodeHonoursCapacity) {
     ASSERT_TRUE(TARN_GetMessageById(h, kLong20Id, msg.get()));
     const std::vector<Frame> reference = Packets(FillRandom(*msg, 3));
@@ -199,8 +181,8 @@ struct FdCapture {
     }
 };
 
-// Sending as FD packs the encoded packets back into one FD frame, which then
-// decodes to the same values; failures of the sender come back as failures.
+// Sending as FD packs the encoded packets into one FD frame that decodes to
+// the same values; sender failures come back as failures.
 TEST_P(ApiFd, SendBuildsOneFdFrame) {
     FdCapture cap;
     for (uint32_t id : {kLong20Id, kEngineId}) {
@@ -240,46 +222,87 @@ DBCSignal Sig(uint32_t length, bool isSigned, double factor, double offset,
     return s;
 }
 
-// The exported conversions (their rules are proven on the analyser itself):
-// CalcRaw clamps, rounds near-integers and writes back the physical value the
-// raw one stands for; CalcActual sign-extends and masks, writing the masked
-// raw value back; floating signals carry IEEE bit patterns both ways.
-TEST(ApiConversion, ExportedConversionsClampMaskAndWriteBack) {
-    const float three = 3.0f;
-    const double minus = -1234.5;
-    uint32_t f32;
-    uint64_t f64;
-    std::memcpy(&f32, &three, 4);
-    std::memcpy(&f64, &minus, 8);
-    const struct {
-        DBCSignal sig;
-        double physical, writtenBack;  // CalcRaw: physical in, written back
-        uint64_t raw, rawAfter;        // CalcRaw's result; CalcActual: raw in, written back
-    } cases[] = {
-        {Sig(8, true, 1, 0), -200, -127, 0x81, 0x81},
-        {Sig(8, false, 1, 0), 2.99999995, 3, 3, 3},
-        {Sig(16, false, 0.1, 0), 0.3, 0.30000000000000004, 3, 3},
-        {Sig(4, true, 0.5, 10), 9.5, 9.5, 0xF, 0xF},
-        {Sig(12, false, 0, 5), 5, 5, 0, 0},  // zero factor: x is left undivided
-        {Sig(0, false, 1, 0), 0, 0, 0, 0},
-        {Sig(32, false, 2, 1, TARN_VALUE_FLOAT), 7, 7, f32, f32},
-        {Sig(64, false, 1, 0, TARN_VALUE_DOUBLE), minus, minus, f64, f64},
-    };
-    for (const auto& c : cases) {
-        double physical = c.physical;
-        EXPECT_EQ(TARN_CalcRawValue(&c.sig, &physical), c.raw) << c.physical;
-        EXPECT_DOUBLE_EQ(physical, c.writtenBack) << c.physical;
-        // Bits above an integer signal are ignored.
-        uint64_t raw = c.sig.valueType ? c.raw : c.raw | ~refpack::Mask(c.sig.length);
-        EXPECT_DOUBLE_EQ(TARN_CalcActualValue(&c.sig, &raw), c.writtenBack) << c.physical;
-        EXPECT_EQ(raw, c.rawAfter) << c.physical;
+template <class T>
+uint64_t BitsOf(T value) {
+    uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof value);
+    return bits;
+}
+
+// CalcActual masks the raw value to the length (writing it back so) and
+// sign-extends it; floating signals read the bit pattern.
+TEST(ApiConversion, ActualValueScalesTheMaskedRawValue) {
+    const uint64_t f15 = BitsOf(1.5f) | (0xABCDULL << 32), d10 = BitsOf(10.0);
+    // Signal, raw value, result, raw value afterwards.
+    const std::tuple<DBCSignal, uint64_t, double, uint64_t> cases[] = {
+        {Sig(4, 1, 0.5, 10), 0xF, 9.5, 0xF},    {Sig(4, 0, 0.5, 10), 0xF, 17.5, 0xF},
+        {Sig(4, 1, 1, 0), 0xFE, -2, 0xE},       {Sig(8, 1, 1, 0), 0x80, -128, 0x80},
+        {Sig(64, 1, 1, 0), ~0ULL, -1, ~0ULL},   {Sig(64, 0, 1, 0), 1ULL << 63, 0x1p63, 1ULL << 63},
+        {Sig(0, 1, 3, 7), 0xFF, 7, 0},          {Sig(32, 0, 2, 1, 1), f15, 4.0, f15},
+        {Sig(64, 0, 0.5, -1, 2), d10, 4.0, d10}};
+    for (const auto& [sig, in, expected, after] : cases) {
+        uint64_t raw = in;
+        EXPECT_EQ(TARN_CalcActualValue(&sig, &raw), expected) << std::hex << in;
+        EXPECT_EQ(raw, after) << std::hex << in;
     }
-    double physical = 1;
-    uint64_t raw = 1;
-    EXPECT_EQ(TARN_CalcRawValue(nullptr, &physical), 0u);
-    EXPECT_EQ(physical, 1);
-    EXPECT_EQ(TARN_CalcRawValue(&cases[0].sig, nullptr), 0u);
+    uint64_t raw = 5;
     EXPECT_EQ(TARN_CalcActualValue(nullptr, &raw), 0.0);
+    EXPECT_EQ(TARN_CalcActualValue(&std::get<0>(cases[0]), nullptr), 0.0);
+}
+
+// CalcRaw clamps to the signal's range and rounds toward zero (a hair below
+// an integer counts as it), writing back what the raw value means.
+TEST(ApiConversion, RawValueClampsTruncatesAndWritesBack) {
+    // Signal, physical value, raw value, physical value written back.
+    const std::tuple<DBCSignal, double, uint64_t, double> cases[] = {
+        {Sig(8, 0, 1, 0), 300, 255, 255},
+        {Sig(8, 0, 1, 0), -5, 0, 0},
+        {Sig(8, 0, 1, 0), 2.99999995, 3, 3},
+        {Sig(8, 0, 1, 0), 2.5, 2, 2},
+        {Sig(8, 1, 1, 0), -200, 0x81, -127},
+        {Sig(8, 1, 1, 0), -3.7, 0xFD, -3},
+        {Sig(16, 0, 0.1, 0), 0.3, 3, 0.30000000000000004},
+        {Sig(8, 0, 0, 5), 7, 2, 5},
+        {Sig(0, 0, 1, 0), 9, 0, 0},
+        {Sig(63, 0, 1, 0), 1e30, (1ULL << 63) - 1, 0x1p63 - 1},
+        {Sig(64, 0, 1, 0), 1e30, ~0ULL, 0x1p64 - 1},
+        {Sig(64, 1, 1, 0), -1e30, (1ULL << 63) + 1, 1 - 0x1p63},
+        {Sig(32, 0, 2, 1, 1), 4.0, BitsOf(1.5f), 4.0},
+        {Sig(64, 0, 0.5, -1, 2), 4.0, BitsOf(10.0), 4.0}};
+    for (const auto& [sig, physical, raw, written] : cases) {
+        double p = physical;
+        EXPECT_EQ(TARN_CalcRawValue(&sig, &p), raw) << physical;
+        EXPECT_EQ(p, written) << physical;
+    }
+    double p = 5;
+    EXPECT_EQ(TARN_CalcRawValue(nullptr, &p), 0u);
+    EXPECT_EQ(TARN_CalcRawValue(&std::get<0>(cases[0]), nullptr), 0u);
+    EXPECT_EQ(p, 5.0);
+}
+
+// For in-range physical values the raw value fits the signal's width and
+// lands within one factor step of it.
+TEST(ApiConversion, RawThenActualStaysWithinOneStep) {
+    refpack::Rng rng(1);
+    const double factors[] = {1, 0.5, 0.1, 0.125, 2, 0.001, 3.3, -0.25};
+    for (int i = 0; i < 20000; ++i) {
+        const uint32_t length = 1 + static_cast<uint32_t>(rng.Next() % 40);
+        const bool isSigned = (rng.Next() & 1) && length > 1;
+        const double factor = factors[rng.Next() % 8];
+        const double offset = static_cast<double>(static_cast<int>(rng.Next() % 2001) - 1000) / 8;
+        const DBCSignal s = Sig(length, isSigned, factor, offset);
+        const double span = std::ldexp(1.0, static_cast<int>(length) - isSigned);
+        const double lo = isSigned ? 1.0 - span : 0.0, hi = span - 1.0;
+        const double unit = static_cast<double>(rng.Next() >> 11) / 9007199254740992.0;
+        const double physical = (lo + (hi - lo) * unit) * factor + offset;
+        double written = physical;
+        uint64_t raw = TARN_CalcRawValue(&s, &written), copy = raw;
+        EXPECT_EQ(written, TARN_CalcActualValue(&s, &copy));
+        EXPECT_EQ(raw & ~refpack::Mask(length), 0u);
+        EXPECT_LE(std::fabs(written - physical), std::fabs(factor) * (1 + 1e-9))
+            << "length " << length << " signed " << isSigned << " factor " << factor << " physical "
+            << physical;
+    }
 }
 
 }  // namespace

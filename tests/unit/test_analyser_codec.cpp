@@ -1,27 +1,28 @@
-// Decoding and encoding through the analyser, multiplexer selection, value
-// descriptions and the raw/physical conversions. Payloads are built and read
-// back with the bit-by-bit reference packer, which shares no code with the coder.
+// The analyser over hand-written databases: records, multiplexer selection,
+// value descriptions and encoding, with payloads from the reference packer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
-#include <set>
+#include <memory>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "analyser_test_util.h"
-
-using atest::LoadText;
-using atest::NewMessage;
-using atest::RefMessage;
-using atest::RefSignal;
+#include "support/ref_packer.h"
 
 namespace {
 
-constexpr size_t kPayload = 1793;
+using atest::LoadText;
+using atest::Names;
+using atest::NewMessage;
+
+const DBCSignal* Slot(const DBCMessage& m, const std::string& name) {
+    for (uint32_t i = 0; i < m.signalCount; ++i)
+        if (name == m.signals[i].name) return &m.signals[i];
+    return nullptr;
+}
 
 VCI_CAN_OBJ Frame(uint32_t id, bool extended, const uint8_t* data) {
     VCI_CAN_OBJ f{};
@@ -32,141 +33,10 @@ VCI_CAN_OBJ Frame(uint32_t id, bool extended, const uint8_t* data) {
     return f;
 }
 
-// A signal the reference packer can check within the first `bytes` bytes.
-// Signals of 32 bits or more whose bits after the first byte end in a partial
-// byte are extracted with a 32-bit shift by design, which the packer does not
-// model, so they are left out.
-bool Checkable(const RefSignal& s, size_t bytes) {
-    if (s.length < 1 || s.length > 64) return false;
-    const std::vector<uint64_t> pos = s.Bits();
-    if (*std::max_element(pos.begin(), pos.end()) / 8 >= bytes) return false;
-    const uint32_t first = std::min<uint32_t>(8 - pos.front() % 8, s.length);
-    return s.length < 32 || (s.length - first) % 8 == 0;
-}
-
-double SignedValue(const RefSignal& s, uint64_t raw) {
-    if (s.isSigned && s.length >= 1 && ((raw >> (s.length - 1)) & 1))
-        return static_cast<double>(static_cast<int64_t>(raw | ~refpack::Mask(s.length)));
-    return static_cast<double>(raw);
-}
-
-// Switch value from the text's definition: physical value, truncated, low 16
-// bits. With several switches the one sorted first (start bit, length) counts.
-bool SwitchValue(const RefMessage& ref, const uint8_t* payload, uint32_t& value) {
-    const RefSignal* sw = nullptr;
-    for (const RefSignal& s : ref.signals)
-        if (s.mux.find('M') != std::string::npos &&
-            (!sw || std::tie(s.startBit, s.length) < std::tie(sw->startBit, sw->length)))
-            sw = &s;
-    if (!sw) return false;
-    double phys = SignedValue(*sw, sw->Extract(payload)) * sw->factor + sw->offset;
-    value = static_cast<uint16_t>(static_cast<int64_t>(phys));
-    return true;
-}
-
-bool Selected(const RefSignal& s, bool hasSwitch, uint32_t value) {
-    if (!hasSwitch || s.mux.empty() || s.mux.find('M') != std::string::npos) return true;
-    return strtoul(s.mux.c_str() + 1, nullptr, 10) == value;
-}
-
-// Key under which the coder files a message: its group under J1939, else
-// the identifier without flags.
-uint32_t LookupKey(uint64_t id, bool j1939) {
-    if (!j1939 || (id & 0x1FFFFFFF) <= 0x7FF) return id & 0x1FFFFFFF;
-    return ((id >> 16) & 0xFF) < 240 ? id & 0x3FF0000u : id & 0x3FFFF00u;
-}
-
-// --- real messages ------------------------------------------------------------
-
-// Decodes a random payload of a real message and checks the selected signals,
-// their raw values and value descriptions against the text; then encodes the
-// decoded record and checks the frame against the reference packer.
-void CheckDecodeAndEncode(CAnalyser& a, uint64_t id, const RefMessage& ref, refpack::Rng& rng,
-                          int& encoded) {
-    std::vector<uint8_t> payload(kPayload, 0);
-    for (int i = 0; i < 8; ++i) payload[i] = static_cast<uint8_t>(rng.Next());
-    if (rng.Next() % 4 == 0) payload[0] = payload[1] = 0;  // small switch values
-    VCI_CAN_OBJ f = Frame(id & 0x1FFFFFFF, id >> 31, payload.data());
-    auto out = NewMessage();
-    ASSERT_TRUE(a.Decode(out.get(), &f, 1, false)) << ref.name;
-    EXPECT_EQ(out->id, f.id);
-    EXPECT_EQ(out->extended, f.externFlag);
-    uint32_t sw = 0;
-    const bool hasSwitch = SwitchValue(ref, payload.data(), sw);
-    std::set<std::string> expected;
-    for (const RefSignal& s : ref.signals)
-        if (Selected(s, hasSwitch, sw)) expected.insert(s.name);
-    ASSERT_EQ(out->signalCount, expected.size()) << ref.name;
-    bool encodable = ref.dlc == 8;
-    uint8_t packed[8] = {}, owner[8] = {};
-    for (uint32_t i = 0; i < out->signalCount; ++i) {
-        const DBCSignal& slot = out->signals[i];
-        const RefSignal* s = atest::Find(ref, slot.name);
-        ASSERT_NE(s, nullptr);
-        EXPECT_EQ(expected.count(s->name), 1u) << s->name;
-        if (!Checkable(*s, kPayload)) {
-            encodable = false;
-            continue;
-        }
-        const uint64_t raw = s->Extract(payload.data());
-        EXPECT_EQ(slot.rawValue, raw) << ref.name << "." << s->name;
-        encodable = encodable && Checkable(*s, 8);
-        if (encodable) s->Pack(packed, raw);
-        for (uint64_t p : s->Bits()) {
-            encodable = encodable && !refpack::GetBit(owner, p);  // bits shared: no check
-            if (encodable) refpack::SetBit(owner, p, true);
-        }
-        if (s->values.empty() || s->factor != 1.0 || s->offset != 0.0 || s->valueType) continue;
-        auto hit = std::find_if(s->values.begin(), s->values.end(),
-                                [&](const auto& v) { return v.first == SignedValue(*s, raw); });
-        EXPECT_EQ(std::string(slot.valueDescription),
-                  hit == s->values.end() ? "" : hit->second.substr(0, 127))
-            << s->name << " raw " << raw;
-    }
-    if (!encodable) return;
-    std::vector<VCI_CAN_OBJ> frames;
-    ASSERT_TRUE(a.Encode(frames, out.get())) << ref.name;
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(std::vector<uint8_t>(frames[0].data, frames[0].data + 8),
-              std::vector<uint8_t>(packed, packed + 8))
-        << ref.name;
-    ++encoded;
-}
-
-class AnalyserCorpusCodec : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(AnalyserCorpusCodec, SignalsMatchTheReferencePackerBothWays) {
-    const std::string path = refpack::CorpusFile(GetParam());
-    if (path.empty()) GTEST_SKIP() << "corpus not available";
-    const atest::RefDb refs = atest::ReadFile(path);
-    CAnalyser a;
-    ASSERT_TRUE(atest::LoadPath(a, path));
-    const bool j1939 = a.GetProtocol() == TARN_PROTOCOL_J1939;
-    std::map<uint32_t, int> keys;
-    for (const auto& e : refs) ++keys[LookupKey(e.first, j1939)];
-    refpack::Rng rng(11);
-    int decoded = 0, encoded = 0;
-    for (const auto& e : refs) {
-        const RefMessage& ref = e.second;
-        std::set<std::string> names;
-        for (const RefSignal& s : ref.signals) names.insert(s.name);
-        // A shared lookup key makes the later message win the lookup.
-        if (ref.dlc > 8 || names.empty() || names.size() > TARN_MAX_SIGNALS ||
-            names.size() != ref.signals.size() || keys[LookupKey(e.first, j1939)] > 1)
-            continue;
-        for (int round = 0; round < 4; ++round) CheckDecodeAndEncode(a, e.first, ref, rng, encoded);
-        ++decoded;
-    }
-    EXPECT_GT(decoded, 0);
-    EXPECT_GT(encoded, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Files, AnalyserCorpusCodec,
-                         ::testing::Values("cantools__multiplex_2.dbc", "can-dbc__j1939.dbc",
-                                           "cantools__multiplex_choices.dbc", "opendbc__vw_pq.dbc",
-                                           "opendbc__toyota_nodsu_pt_generated.dbc"));
-
-// --- a hand-written database ------------------------------------------------
+const std::string kJ1939 = std::string(atest::kJ1939Header) +
+                           "BO_ 2566844672 A: 8 Node\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" Node\n\n"
+                           "BO_ 2566844926 B: 8 Node\n SG_ S : 8|8@1+ (2,0) [0|0] \"\" Node\n\n" +
+                           atest::kJ1939Footer + "VAL_ 2566844926 S 5 \"Five\" 6 \"Six\" ;\n";
 
 const char* kDb =
     "VERSION \"\"\n\nBU_: N\n\n"
@@ -196,23 +66,27 @@ class AnalyserCodec : public ::testing::Test {
         ASSERT_TRUE(LoadText(a, kDb + ("VAL_ 296 Long 7 \"" + std::string(200, 'd') + "\" ;\n")));
     }
 
-    // Decodes one frame of message `id` whose `signal` holds `raw`.
+    // Decodes one frame of message `id` whose `signal` holds `raw`, other bits
+    // 0xA5; `def` keeps the message as the lookup reports it.
     std::unique_ptr<DBCMessage> DecodeWith(uint32_t id, const char* signal, uint64_t raw) {
+        auto out = NewMessage();
+        EXPECT_TRUE(a.GetMessageById(id, def.get()));
+        const DBCSignal* s = Slot(*def, signal);
         uint8_t data[8];
         memset(data, 0xA5, 8);
-        atest::Find(refs.at(id), signal)->Pack(data, raw);
+        refpack::Pack(data, s->startBit, s->length, false, raw);
         VCI_CAN_OBJ f = Frame(id, false, data);
-        auto out = NewMessage();
         EXPECT_TRUE(a.Decode(out.get(), &f, 1, false)) << id;
         return out;
     }
 
     CAnalyser a;
-    const atest::RefDb refs = atest::ReadText(kDb);
+    std::unique_ptr<DBCMessage> def = NewMessage();
 };
 
 // The switch value is the physical value truncated toward zero, low 16 bits;
-// the plain slots, the switch and the matching slots stay, in slot order.
+// the plain slots, the switch and the matching slots stay, in slot order,
+// and the slots behind them keep the message's own slots at those places.
 TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
     const std::tuple<uint32_t, uint32_t, std::vector<std::string>> cases[] = {
         {292, 3, {"Plain", "Sw", "B3", "C3"}},
@@ -223,15 +97,17 @@ TEST_F(AnalyserCodec, SwitchValuesSelectSignalsInSlotOrder) {
         {293, 8, {"Sw", "X4"}},
         {294, 0xFF, {"Sw", "Y"}},  // -1
         {295, 7, {"Sw", "Y"}}};    // -3.5
-    for (const auto& [id, sw, kept] : cases)
-        EXPECT_EQ(atest::Names(*DecodeWith(id, "Sw", sw)), kept) << id << " " << sw;
+    for (const auto& [id, sw, kept] : cases) {
+        const auto out = DecodeWith(id, "Sw", sw);
+        EXPECT_EQ(Names(*out), kept) << id << " " << sw;
+        for (uint32_t p = out->signalCount; p < def->signalCount; ++p)
+            EXPECT_STREQ(out->signals[p].name, def->signals[p].name) << id << " " << sw;
+    }
 }
 
-// The decoded value is compared with the table: for a scaled signal that is
-// the physical value, for a negative signed one its negative value (raw 0xFF
-// of Neg is -1, which the table lacks). Long texts fill the whole buffer, and
-// 20-digit table values read as the nearest double. Scaled values are
-// compared as their six-decimal text reads: 3.0000004 and 30 * 0.1 as 3.
+// Tables are searched with the physical value (signed: -1 for raw 0xFF) as
+// its six-decimal text reads: 3.0000004 and 30 * 0.1 find 3. Long texts fill
+// the buffer; 20-digit table values read as the nearest double.
 TEST_F(AnalyserCodec, DecodedValueIsLookedUpInTheTable) {
     const std::tuple<uint32_t, const char*, uint64_t, std::string> cases[] = {
         {296, "Scaled", 2, "Four"},
@@ -245,12 +121,12 @@ TEST_F(AnalyserCodec, DecodedValueIsLookedUpInTheTable) {
         {298, "Fine", 30000006, ""},
         {298, "Tenths", 30, "Three"}};
     for (const auto& [id, signal, raw, expected] : cases) {
-        auto out = DecodeWith(id, signal, raw);
-        const auto names = atest::Names(*out);
-        const size_t i = std::find(names.begin(), names.end(), signal) - names.begin();
-        ASSERT_LT(i, names.size()) << signal;
-        const char* desc = out->signals[i].valueDescription;
-        EXPECT_EQ(std::string(desc, strnlen(desc, TARN_VALDESC_LEN)), expected) << raw;
+        const auto out = DecodeWith(id, signal, raw);
+        const DBCSignal* s = Slot(*out, signal);
+        ASSERT_NE(s, nullptr) << signal;
+        EXPECT_EQ(std::string(s->valueDescription, strnlen(s->valueDescription, TARN_VALDESC_LEN)),
+                  expected)
+            << raw;
     }
 }
 
@@ -258,40 +134,32 @@ TEST_F(AnalyserCodec, UnselectedMultiplexedSignalsAreNotEncoded) {
     auto msg = NewMessage();
     ASSERT_TRUE(a.GetMessageById(292, msg.get()));
     for (uint32_t i = 0; i < msg->signalCount; ++i)
-        msg->signals[i].rawValue = msg->signals[i].multiplexerType == 2 ? 2 : 0x5A;
+        msg->signals[i].rawValue = msg->signals[i].multiplexerType == TARN_MUX_SWITCH ? 2 : 0x5A;
     std::vector<VCI_CAN_OBJ> frames;
     ASSERT_TRUE(a.Encode(frames, msg.get()));
     ASSERT_EQ(frames.size(), 1u);
-    for (const RefSignal& s : refs.at(292).signals) {
-        uint64_t expected = s.name == "Sw" ? 2 : (s.name == "B3" || s.name == "C3") ? 0 : 0x5A;
-        EXPECT_EQ(s.Extract(frames[0].data), expected) << s.name;
+    for (uint32_t i = 0; i < msg->signalCount; ++i) {
+        const DBCSignal& s = msg->signals[i];
+        const std::string name = s.name;
+        const uint64_t want = name == "Sw" ? 2 : (name == "B3" || name == "C3") ? 0 : 0x5A;
+        EXPECT_EQ(refpack::Extract(frames[0].data, s.startBit, s.length, false), want) << name;
     }
     EXPECT_EQ(msg->signalCount, 6u) << "the caller's record is not changed";
+    // Refused decodes leave the record alone.
+    const VCI_CAN_OBJ unknown = Frame(0x555, false, frames[0].data);
+    msg->size = 55;
+    EXPECT_FALSE(a.Decode(nullptr, &frames[0], 1, false));
+    EXPECT_FALSE(a.Decode(msg.get(), nullptr, 1, false));
+    EXPECT_FALSE(a.Decode(msg.get(), &frames[0], 0, false));
+    EXPECT_FALSE(a.Decode(msg.get(), &unknown, 1, false));
+    EXPECT_EQ(msg->size, 55u);
 }
 
-TEST_F(AnalyserCodec, DegenerateInputsAreRefusedAndLeaveTheRecord) {
-    const uint8_t data[8] = {};
-    const VCI_CAN_OBJ known = Frame(292, false, data), unknown = Frame(0x555, false, data);
-    auto out = NewMessage();
-    out->size = 55;
-    EXPECT_FALSE(a.Decode(nullptr, &known, 1, false));
-    EXPECT_FALSE(a.Decode(out.get(), nullptr, 1, false));
-    EXPECT_FALSE(a.Decode(out.get(), &known, 0, false));
-    EXPECT_FALSE(a.Decode(out.get(), &unknown, 1, false));
-    EXPECT_EQ(out->size, 55u);
-}
-
-// Under J1939 an identifier lookup (TARN_Decode's) can decode another message
-// of a group than the group lookup finds. The record shows the found one with
-// the raw values its own last decode left, and its table texts for the
-// values decoded under the same signal name.
+// Under J1939 an identifier lookup can decode another message of a group than
+// the group lookup finds; the record shows the latter with its held values.
 TEST(AnalyserGroupDecode, RecordShowsTheGroupsMessageWithItsHeldValues) {
     CAnalyser a;
-    ASSERT_TRUE(
-        LoadText(a, std::string(atest::kJ1939Header) +
-                        "BO_ 2566844672 A: 8 Node\n SG_ S : 0|8@1+ (1,0) [0|0] \"\" Node\n\n"
-                        "BO_ 2566844926 B: 8 Node\n SG_ S : 8|8@1+ (2,0) [0|0] \"\" Node\n\n" +
-                        atest::kJ1939Footer + "VAL_ 2566844926 S 5 \"Five\" 6 \"Six\" ;\n"));
+    ASSERT_TRUE(LoadText(a, kJ1939));
     const uint8_t data[8] = {5, 3};
     const VCI_CAN_OBJ f = Frame(0x18FEF100, true, data);
     const std::tuple<bool, uint64_t, std::string> steps[] = {
@@ -310,131 +178,120 @@ TEST(AnalyserGroupDecode, RecordShowsTheGroupsMessageWithItsHeldValues) {
     }
 }
 
-// Decodes from several threads, on an instance each or on one together, see
-// their own frame's values: no scratch state is shared, and the plans a
-// shared instance builds on first use come out whole.
-TEST(AnalyserConcurrentDecode, ThreadsSeeTheirOwnValues) {
-    const atest::RefDb refs = atest::ReadText(kDb);
-    CAnalyser shared;
-    ASSERT_TRUE(LoadText(shared, kDb));
-    auto worker = [&](uint64_t seed, bool& ok) {
-        CAnalyser own;
-        ok = LoadText(own, kDb);
-        refpack::Rng rng(seed);
-        auto out = NewMessage();
-        for (int i = 0; ok && i < 400; ++i) {
-            const auto& [id, ref] = *std::next(refs.begin(), rng.Next() % refs.size());
-            uint8_t data[8];
-            for (uint8_t& b : data) b = static_cast<uint8_t>(rng.Next());
-            VCI_CAN_OBJ f = Frame(static_cast<uint32_t>(id), false, data);
-            ok = (i % 2 ? shared : own).Decode(out.get(), &f, 1, false);
-            for (uint32_t k = 0; ok && k < out->signalCount; ++k)
-                ok = out->signals[k].rawValue ==
-                     atest::Find(ref, out->signals[k].name)->Extract(data);
+// --- translation ----------------------------------------------------------------
+
+std::string MessageWith(const std::string& signals, const std::string& extra = "") {
+    return "VERSION \"\"\n\nBU_: Node\n\nBO_ 291 Msg: 64 Node\n" + signals + "\n" + extra;
+}
+
+std::string Sig(const std::string& name, uint32_t start) {
+    return " SG_ " + name + " : " + std::to_string(start) + "|1@1+ (1,0) [0|0] \"\" Node\n";
+}
+
+// Slots end up exactly as the standard sort by start bit, then length,
+// leaves the records, ties included.
+TEST(AnalyserTranslate, SortByStartBitThenLengthEqualsTheStandardSort) {
+    refpack::Rng rng(21);
+    auto msg = NewMessage(), ref = NewMessage();
+    for (uint32_t n : {2u, 3u, 16u, 17u, 31u, 64u, 200u, 256u}) {
+        for (uint32_t shape = 0; shape < 4; ++shape) {
+            msg->signalCount = n;
+            for (uint32_t i = 0; i < n; ++i) {
+                const uint32_t starts[] = {uint32_t(rng.Next() % 6), i / 3, n - i, i};
+                msg->signals[i].startBit = starts[shape];
+                msg->signals[i].length = shape == 3 ? 1 : uint32_t(rng.Next() % 3);
+                snprintf(msg->signals[i].name, TARN_NAME_LEN, "s%u", i);
+            }
+            *ref = *msg;
+            std::sort(ref->signals, ref->signals + n, [](const DBCSignal& x, const DBCSignal& y) {
+                return std::tie(x.startBit, x.length) < std::tie(y.startBit, y.length);
+            });
+            SortMessageSignals(*msg);
+            ASSERT_EQ(Names(*msg), Names(*ref)) << "n " << n << " shape " << shape;
         }
-    };
-    bool ok1 = false, ok2 = false;
-    std::thread t1(worker, 1, std::ref(ok1)), t2(worker, 2, std::ref(ok2));
-    t1.join();
-    t2.join();
-    EXPECT_TRUE(ok1 && ok2);
-}
-
-// --- conversions -------------------------------------------------------------
-
-DBCSignal Sig(uint32_t length, uint8_t isSigned, double factor, double offset,
-              uint8_t valueType = 0) {
-    DBCSignal s{};
-    s.length = length;
-    s.isSigned = isSigned;
-    s.factor = factor;
-    s.offset = offset;
-    s.valueType = valueType;
-    return s;
-}
-
-template <class T>
-uint64_t BitsOf(T value) {
-    uint64_t bits = 0;
-    memcpy(&bits, &value, sizeof value);
-    return bits;
-}
-
-// The integer raw value is masked to the length (and written back so),
-// sign-extended when signed; float types read the bit pattern.
-TEST(AnalyserConversion, ActualValueScalesTheMaskedRawValue) {
-    const uint64_t f15 = BitsOf(1.5f) | (0xABCDULL << 32), d10 = BitsOf(10.0);
-    // Signal, raw value, result, raw value afterwards.
-    const std::tuple<DBCSignal, uint64_t, double, uint64_t> cases[] = {
-        {Sig(4, 1, 0.5, 10), 0xF, 9.5, 0xF},    {Sig(4, 0, 0.5, 10), 0xF, 17.5, 0xF},
-        {Sig(4, 1, 1, 0), 0xFE, -2, 0xE},       {Sig(8, 1, 1, 0), 0x80, -128, 0x80},
-        {Sig(64, 1, 1, 0), ~0ULL, -1, ~0ULL},   {Sig(64, 0, 1, 0), 1ULL << 63, 0x1p63, 1ULL << 63},
-        {Sig(0, 1, 3, 7), 0xFF, 7, 0},          {Sig(32, 0, 2, 1, 1), f15, 4.0, f15},
-        {Sig(64, 0, 0.5, -1, 2), d10, 4.0, d10}};
-    for (const auto& [sig, in, expected, after] : cases) {
-        uint64_t raw = in;
-        EXPECT_EQ(CalcActualValue(&sig, &raw), expected) << std::hex << in;
-        EXPECT_EQ(raw, after) << std::hex << in;
     }
-    uint64_t raw = 5;
-    EXPECT_EQ(CalcActualValue(nullptr, &raw), 0.0);
-    EXPECT_EQ(CalcActualValue(&std::get<0>(cases[0]), nullptr), 0.0);
 }
 
-// The raw value is clamped to the signal's range and rounded toward zero
-// (with a tolerance for values a hair below an integer); the physical value
-// is rewritten to what the raw value means.
-TEST(AnalyserConversion, RawValueClampsTruncatesAndWritesBack) {
-    // Signal, physical value, raw value, physical value written back.
-    const std::tuple<DBCSignal, double, uint64_t, double> cases[] = {
-        {Sig(8, 0, 1, 0), 300, 255, 255},
-        {Sig(8, 0, 1, 0), -5, 0, 0},
-        {Sig(8, 0, 1, 0), 2.99999995, 3, 3},
-        {Sig(8, 0, 1, 0), 2.5, 2, 2},
-        {Sig(8, 1, 1, 0), -200, 0x81, -127},
-        {Sig(8, 1, 1, 0), -3.7, 0xFD, -3},
-        {Sig(16, 0, 0.1, 0), 0.3, 3, 0.30000000000000004},
-        {Sig(8, 0, 0, 5), 7, 2, 5},
-        {Sig(0, 0, 1, 0), 9, 0, 0},
-        {Sig(63, 0, 1, 0), 1e30, (1ULL << 63) - 1, 0x1p63 - 1},
-        {Sig(64, 0, 1, 0), 1e30, ~0ULL, 0x1p64 - 1},
-        {Sig(64, 1, 1, 0), -1e30, (1ULL << 63) + 1, 1 - 0x1p63},
-        {Sig(32, 0, 2, 1, 1), 4.0, BitsOf(1.5f), 4.0},
-        {Sig(64, 0, 0.5, -1, 2), 4.0, BitsOf(10.0), 4.0}};
-    for (const auto& [sig, physical, raw, written] : cases) {
-        double p = physical;
-        EXPECT_EQ(CalcRawValue(&sig, &p), raw) << physical;
-        EXPECT_EQ(p, written) << physical;
+TEST(AnalyserTranslate, ThreeHundredSignalsKeepTheFirst256Sorted) {
+    std::string lines;
+    // Defined with falling start bits, so sorting reverses the file order.
+    for (int k = 0; k < 300; ++k) lines += Sig("s" + std::to_string(k), 299 - k);
+    CAnalyser a;
+    ASSERT_TRUE(LoadText(a, MessageWith(lines)));
+    auto out = NewMessage();
+    ASSERT_TRUE(a.GetMessageById(291, out.get()));
+    ASSERT_EQ(out->signalCount, 256u);
+    for (uint32_t i = 0; i < 256; ++i) {
+        EXPECT_EQ(out->signals[i].startBit, 44 + i);
+        EXPECT_EQ(std::string(out->signals[i].name), "s" + std::to_string(255 - i));
     }
-    double p = 5;
-    EXPECT_EQ(CalcRawValue(nullptr, &p), 0u);
-    EXPECT_EQ(CalcRawValue(&std::get<0>(cases[0]), nullptr), 0u);
-    EXPECT_EQ(p, 5.0);
 }
 
-// For in-range physical values the raw value fits the signal's width and
-// lands within one factor step, and the written-back value is exactly what
-// that raw value means.
-TEST(AnalyserConversion, RawThenActualStaysWithinOneStep) {
-    refpack::Rng rng(1);
-    const double factors[] = {1, 0.5, 0.1, 0.125, 2, 0.001, 3.3, -0.25};
-    for (int i = 0; i < 20000; ++i) {
-        const uint32_t length = 1 + static_cast<uint32_t>(rng.Next() % 40);
-        const uint8_t isSigned = (rng.Next() & 1) && length > 1;
-        const double factor = factors[rng.Next() % 8];
-        const double offset = static_cast<double>(static_cast<int>(rng.Next() % 2001) - 1000) / 8;
-        const DBCSignal s = Sig(length, isSigned, factor, offset);
-        const double span = std::ldexp(1.0, static_cast<int>(length) - isSigned);
-        const double lo = isSigned ? 1.0 - span : 0.0, hi = span - 1.0;
-        const double unit = static_cast<double>(rng.Next() >> 11) / 9007199254740992.0;
-        const double physical = (lo + (hi - lo) * unit) * factor + offset;
-        double written = physical;
-        uint64_t raw = CalcRawValue(&s, &written), copy = raw;
-        EXPECT_EQ(written, CalcActualValue(&s, &copy));
-        EXPECT_EQ(raw & ~refpack::Mask(length), 0u);
-        EXPECT_LE(std::fabs(written - physical), std::fabs(factor) * (1 + 1e-9))
-            << "length " << length << " signed " << int(isSigned) << " factor " << factor
-            << " physical " << physical;
+// A reused record: slots are zeroed, text tails are left, and cycleTime comes
+// from an integer or float attribute or keeps the caller's value.
+TEST(AnalyserTranslate, ReusedRecordKeepsWhatTranslationDoesNotWrite) {
+    const std::tuple<const char*, const char*, double> cases[] = {{"INT 0 65535", "20", 20.0},
+                                                                  {"FLOAT 0 1000", "12.5", 12.5},
+                                                                  {"STRING", "\"fast\"", -1.0},
+                                                                  {"HEX 0 255", "30", -1.0}};
+    const std::vector<char> zero(sizeof(DBCSignal) * 255, 0);
+    for (const auto& [type, value, expected] : cases) {
+        CAnalyser a;
+        ASSERT_TRUE(LoadText(a, MessageWith(Sig("a", 0), "BO_ 292 Untimed: 8 Node\n") +
+                                    "BA_DEF_ BO_ \"GenMsgCycleTime\" " + type +
+                                    ";\nBA_ \"GenMsgCycleTime\" BO_ 291 " + value + ";\n"));
+        auto out = NewMessage();
+        memset(out.get(), 0x5A, sizeof *out);
+        out->cycleTime = -1;
+        ASSERT_TRUE(a.GetMessageById(291, out.get()));
+        EXPECT_EQ(out->cycleTime, expected) << type;
+        EXPECT_STREQ(out->name, "Msg");
+        EXPECT_STREQ(out->comment, "");
+        EXPECT_EQ(std::make_pair(out->name[10], out->comment[10]), std::make_pair('Z', 'Z'))
+            << "the buffer tails (0x5A) are left";
+        EXPECT_EQ(memcmp(&out->signals[1], zero.data(), zero.size()), 0) << "slots are zeroed";
+        ASSERT_TRUE(a.GetMessageById(292, out.get()));
+        EXPECT_EQ(out->cycleTime, expected) << type << ": a message without it keeps it";
+    }
+}
+
+// A source at least as long as the buffer fills it completely, with no
+// terminator; shorter sources are terminated.
+void ExpectBounded(const char* buf, size_t size, const std::string& src) {
+    EXPECT_EQ(std::string(buf, strnlen(buf, size)), src.substr(0, size));
+    if (src.size() < size) {
+        EXPECT_EQ(buf[src.size()], '\0');
+    }
+}
+
+TEST(AnalyserTranslate, LongTextsFillTheWholeBufferWithoutTerminator) {
+    for (int extra : {-1, 0, 2}) {
+        SCOPED_TRACE(extra);
+        auto text = [extra](char c, size_t size) { return std::string(size + extra, c); };
+        std::string msg = text('m', TARN_NAME_LEN), sig = text('s', TARN_NAME_LEN);
+        std::string node = text('n', TARN_NAME_LEN), unit = text('u', TARN_UNIT_LEN);
+        std::string comment = text('c', TARN_COMMENT_LEN);
+        CAnalyser a;
+        ASSERT_TRUE(LoadText(a, "VERSION \"\"\n\nBU_: " + node + "\n\nBO_ 5 " + msg + ": 8 " +
+                                    node + "\n SG_ " + sig + " : 0|8@1+ (1,0) [0|0] \"" + unit +
+                                    "\" " + node + "\n\nCM_ BO_ 5 \"" + comment +
+                                    "\";\nCM_ SG_ 5 " + sig + " \"" + comment + "\";\n"));
+        const uint8_t data[8] = {};
+        const VCI_CAN_OBJ f = Frame(5, false, data);
+        for (bool decode : {false, true}) {
+            auto out = NewMessage();
+            ASSERT_TRUE(decode ? a.Decode(out.get(), &f, 1, false)
+                               : a.GetMessageById(5, out.get()));
+            ExpectBounded(out->name, TARN_NAME_LEN, msg);
+            ExpectBounded(out->comment, TARN_COMMENT_LEN, comment);
+            ExpectBounded(out->signals[0].name, TARN_NAME_LEN, sig);
+            ExpectBounded(out->signals[0].comment, TARN_COMMENT_LEN, comment);
+            ExpectBounded(out->signals[0].unit, TARN_UNIT_LEN, unit);
+        }
+        DBCNetworkNode n;
+        memset(&n, 0x11, sizeof n);
+        ASSERT_TRUE(a.GetNetworkNodeAt(0, &n));
+        ExpectBounded(n.name, TARN_NAME_LEN, node);
     }
 }
 
