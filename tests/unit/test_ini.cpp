@@ -10,29 +10,29 @@
 
 namespace {
 
+const char kIni[] =
+    "[net]\nbitrate=500000\nname= can0 \ncrlf=42\r\n[other]\nlate=7\nxkey=tail\n"
+    "[empty]\nblank=\nlast=end";
+
 class IniTest : public ::testing::Test {
   protected:
     void Open(const std::string& text) {
         file.Write(text);
         ASSERT_TRUE(ini.Open(file.c_str()));
     }
-    // The value as GetString leaves it in a buffer pre-filled with '#'.
+    // The first `n` bytes GetString leaves in a buffer pre-filled with '#'.
     std::string Get(const char* section, const char* key, unsigned long size = 64,
-                    const char* def = "DEF") {
+                    const char* def = "DEF", size_t n = 0) {
         char out[128];
         std::memset(out, '#', sizeof(out));
         ini.GetString(section, key, out, size, def);
-        return std::string(out, strnlen(out, sizeof(out)));
+        return n ? std::string(out, n) : std::string(out, strnlen(out, sizeof(out)));
     }
     TempPath file{"ini"};
     CINI ini;
 };
 
-const char kIni[] =
-    "[net]\nbitrate=500000\nname= can0 \ncrlf=42\r\n[other]\nlate=7\nxkey=tail\n"
-    "[empty]\nblank=\nlast=end";
-
-TEST_F(IniTest, FindsValuesByPlainTextSearch) {
+TEST_F(IniTest, FindsValuesByPlainTextSearchWithinTheOutputSize) {
     Open(kIni);
     // clang-format off
     const char* cases[][3] = {{"net", "bitrate", "500000"}, {"net", "nokey", "DEF"},
@@ -44,21 +44,12 @@ TEST_F(IniTest, FindsValuesByPlainTextSearch) {
         {"empty", "last", "en"}};     // without a final line feed the last byte is lost
     // clang-format on
     for (auto c : cases) EXPECT_EQ(Get(c[0], c[1]), c[2]) << c[0] << "." << c[1];
-}
-
-TEST_F(IniTest, OutputHoldsAtMostOutSizeCharactersPlusTerminator) {
-    Open(kIni);
-    auto first5 = [&](const char* key, const char* def) {
-        char out[8];
-        std::memset(out, '#', sizeof(out));
-        ini.GetString("net", key, out, 3, def);
-        return std::string(out, 5);
-    };
-    EXPECT_EQ(first5("bitrate", ""), std::string("500\0#", 5));
-    EXPECT_EQ(first5("nokey", "abcdef"), "abcd#");  // a long default is left unterminated
+    // At most size characters plus a terminator; a long default is left unterminated.
+    EXPECT_EQ(Get("net", "bitrate", 3, "", 5), std::string("500\0#", 5));
+    EXPECT_EQ(Get("net", "nokey", 3, "abcdef", 5), "abcd#");
     Open("[s]\nk=" + std::string(70, '0') + "123\n");
     EXPECT_EQ(Get("s", "k", 6), "000000");
-    EXPECT_EQ(ini.GetIntValue("s", "k", 0), 123u);  // the whole value is converted
+    EXPECT_EQ(ini.GetIntValue("s", "k", 0), 123u) << "the whole value is converted";
 }
 
 TEST_F(IniTest, GetIntValueConvertsPresentKeysAndKeepsFirstDigitOfMissingDefaults) {
