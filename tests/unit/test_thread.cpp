@@ -1,5 +1,6 @@
 // Threads, the recursive mutex and the timed condition wait.
 #include <gtest/gtest.h>
+
 #include <sys/time.h>
 
 #include <atomic>
@@ -113,12 +114,10 @@ TEST(ConditionVariableTest, NotifyWakesAWaiterAndTimedWaitsLastInFull) {
     ConditionVariable cv;
     cv.Notify();
     EXPECT_EQ(cv.WaitTime(0), ETIMEDOUT);
-    std::atomic<bool> stop{false};
     std::thread notifier([&] {
-        for (; !stop; std::this_thread::sleep_for(milliseconds(5))) cv.Notify();
+        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(milliseconds(5))) cv.Notify();
     });
     EXPECT_EQ(cv.WaitTime(60000), 0);
-    stop = true;
     notifier.join();
     for (unsigned ms : {300u, 1700u}) {
         timeval now;
