@@ -311,9 +311,9 @@ TEST(ApiRelease, RacingCallsNeverReachAReleasedInstance) {
         TARN_SetAsyncAnalyseCallback(
             h,
             [](void*, DBCMessage*, uint64_t) {
-                late += released;
                 calls++;
                 std::this_thread::sleep_for(std::chrono::microseconds(50));
+                late += released;  // still running, or started, after the release returned
             },
             nullptr);
         TARN_SetSender(
