@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -87,35 +88,28 @@ TEST(FileUtilsTest, ExistenceTestsOneModeBitSoASocketIsBothFileAndDir) {
     close(fd);
 }
 
-TEST(StrUtilsTest, ToIntParsesDecimalOrSkipsTwoCharactersForHex) {
+// ToInt parses decimal or skips two characters for hex; Replace goes left to
+// right without rescanning what it inserted; Dup copies a prefix or the whole
+// string, always terminated; FormatString is bounded by 8195 characters.
+TEST(StrUtilsTest, ParseReplaceDupAndFormat) {
     for (auto [text, value] : kInts) {
         EXPECT_EQ(StrUtils::ToInt(std::string(text)), value) << text;
         EXPECT_EQ(StrUtils::ToInt(text), static_cast<int>(value & 0xFFFFFFFF)) << text;
     }
     EXPECT_EQ(StrUtils::ToInt(static_cast<const char*>(nullptr)), 0);
-}
-
-TEST(StrUtilsTest, ReplaceGoesLeftToRightWithoutRescanningInsertedText) {
     for (auto c : kReplacements) {
         std::string s = c[0];
         EXPECT_EQ(&StrUtils::Replace(s, c[1], c[2]), &s);
         EXPECT_EQ(s, c[3]) << c[0] << ": " << c[1] << " -> " << c[2];
     }
-}
-
-TEST(StrUtilsTest, DupCopiesPrefixOrWholeAndAlwaysTerminates) {
     for (auto [s, n, expected] : kDups) {
-        char* copy = StrUtils::Dup(s, n);
+        std::unique_ptr<char, decltype(&std::free)> copy(StrUtils::Dup(s, n), &std::free);
         ASSERT_NE(copy, nullptr);
-        EXPECT_STREQ(copy, expected);
-        EXPECT_NE(copy, s);
-        std::free(copy);
+        EXPECT_STREQ(copy.get(), expected);
+        EXPECT_NE(copy.get(), s);
     }
     EXPECT_EQ(StrUtils::Dup(nullptr, 4), nullptr);
-}
-
-TEST(StrUtilsTest, FormatStringIsBoundedBy8195Characters) {
-    std::string big(9000, 'q');
+    const std::string big(9000, 'q');
     EXPECT_EQ(StrUtils::FormatString("%s", big.c_str()), big.substr(0, 8195));
     EXPECT_EQ(StrUtils::FormatString("BO_ %u %s: %d", 100u, "M", 8), "BO_ 100 M: 8");
 }
