@@ -12,8 +12,7 @@
 class TempPath {
   public:
     explicit TempPath(const char* tag) : path_(std::string("/tmp/tarn_") + tag + "_XXXXXX") {
-        int fd = mkstemp(&path_[0]);
-        if (fd >= 0) close(fd);
+        close(mkstemp(&path_[0]));
         unlink(path_.c_str());
     }
     ~TempPath() { unlink(path_.c_str()); }
@@ -33,28 +32,24 @@ class TempPath {
 // Redirects the process's standard output into a scratch file until Text().
 class StdoutCapture {
   public:
-    StdoutCapture() {
-        std::fflush(stdout);
-        saved_ = dup(STDOUT_FILENO);
+    StdoutCapture() : saved_((std::fflush(stdout), dup(STDOUT_FILENO))) {
         FILE* f = std::fopen(file_.c_str(), "wb");
         dup2(fileno(f), STDOUT_FILENO);
         std::fclose(f);
     }
-    ~StdoutCapture() { Restore(); }
+    ~StdoutCapture() { Text(); }
     // Stops capturing and returns everything written meanwhile.
     std::string Text() {
-        Restore();
+        if (saved_ >= 0) {
+            std::fflush(stdout);
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+            saved_ = -1;
+        }
         return file_.Read();
     }
 
   private:
-    void Restore() {
-        if (saved_ < 0) return;
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-        saved_ = -1;
-    }
     TempPath file_{"stdout"};
-    int saved_ = -1;
+    int saved_;
 };

@@ -6,7 +6,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "common/log.h"
 #include "tarn.h"
@@ -18,74 +17,49 @@ using kq::Log;
 
 // Must stay the first test: it sees the logger as static initialisation left it.
 TEST(LogDefaults, DebugMessagesReachStdoutWholeBeforeAnySetup) {
-    std::string big(20000, 'z');
+    const std::string big(20000, 'z');
     StdoutCapture cap;
     Log("dir/start.cpp", 9, kq::LOG_DEBUG, "hello %d\n", 5);
     Log("a.cpp", 1, kq::LOG_DEBUG, "%s\n", big.c_str());
     EXPECT_EQ(cap.Text(), "start.cpp:9[0] hello 5\na.cpp:1[0] " + big + "\n");
 }
 
-TEST(LogPrefix, CarriesOnlyTheBareFileName) {
-    // The backslash is only looked for when there is no slash at all.
-    const char* cases[][2] = {{"/a/b/c.cpp", "c.cpp"},     {"c.cpp", "c.cpp"},         {"dir/", ""},
+// The prefix carries the bare file name (a backslash counts only without any
+// slash) and the message's own level, shown only at or above the threshold.
+TEST(LogPrefix, BareFileNameAndLevelAtOrAboveTheThreshold) {
+    const char* names[][2] = {{"/a/b/c.cpp", "c.cpp"},     {"c.cpp", "c.cpp"},         {"dir/", ""},
                               {"C:\\src\\x.cpp", "x.cpp"}, {"a/b\\c.cpp", "b\\c.cpp"}, {"", ""}};
-    kq::LogInit(nullptr, kq::LOG_DEBUG);
-    for (auto c : cases) {
-        StdoutCapture cap;
-        Log(c[0], 44, kq::LOG_WARN, "x\n");
-        EXPECT_EQ(cap.Text(), std::string(c[1]) + ":44[2] x\n") << c[0];
-    }
-}
-
-TEST(LogPrefix, MessageAtOrAboveThresholdIsPrintedWithItsOwnLevel) {
     for (int threshold = kq::LOG_DEBUG; threshold <= kq::LOG_ERROR; ++threshold) {
         for (int level = kq::LOG_DEBUG; level <= kq::LOG_ERROR; ++level) {
-            kq::LogInit("", static_cast<kq::LogLevel>(threshold));
+            const auto* name = names[(threshold * 4 + level) % 6];
+            kq::LogInit(threshold % 2 ? "" : nullptr, static_cast<kq::LogLevel>(threshold));
             StdoutCapture cap;
-            Log("t.cpp", 1, static_cast<kq::LogLevel>(level), "m\n");
-            std::string shown = "t.cpp:1[" + std::to_string(level) + "] m\n";
+            Log(name[0], 44, static_cast<kq::LogLevel>(level), "m\n");
+            const std::string shown = name[1] + (":44[" + std::to_string(level) + "] m\n");
             EXPECT_EQ(cap.Text(), level >= threshold ? shown : "") << threshold << "/" << level;
         }
     }
 }
 
-TEST(LogFile, AppendsToExistingContentAndStdoutStaysQuiet) {
-    TempPath file("log");
-    file.Write("old\n");
+// A file is appended to and keeps stdout quiet; closing it silences the
+// logger until the next init; an unopenable file falls back to stdout, which
+// closing leaves on. The interface logs at threshold 1 and replaces the file.
+TEST(LogFile, TargetsAndClosing) {
+    TempPath first("log1"), second("log2");
+    first.Write("old\n");
     StdoutCapture cap;
-    kq::LogInit(file.c_str(), kq::LOG_INFO);
+    kq::LogInit(first.c_str(), kq::LOG_INFO);
     Log("x/y.cpp", 3, kq::LOG_DEBUG, "dropped\n");
     Log("x/y.cpp", 4, kq::LOG_ERROR, "%s\n", "kept");
     kq::LogDeinit();
-    EXPECT_EQ(cap.Text(), "");
-    EXPECT_EQ(file.Read(), "old\ny.cpp:4[3] kept\n");
-}
-
-TEST(LogFile, DeinitAfterFileSilencesEverythingUntilNextInit) {
-    TempPath file("log");
-    kq::LogInit(file.c_str(), kq::LOG_DEBUG);
-    kq::LogDeinit();
-    StdoutCapture cap;
     Log("a.cpp", 1, kq::LOG_ERROR, "lost\n");
-    kq::LogInit(nullptr, kq::LOG_DEBUG);
-    Log("a.cpp", 2, kq::LOG_ERROR, "back\n");
-    EXPECT_EQ(cap.Text(), "a.cpp:2[3] back\n");
-    EXPECT_EQ(file.Read(), "");
-}
-
-TEST(LogFile, UnopenableFileFallsBackToStdoutWhichDeinitLeavesOn) {
     kq::LogInit("/nonexistent-dir-for-tarn/x.log", kq::LOG_WARN);
     kq::LogDeinit();
     TARN_SetLogFile(false, "ignored");
-    StdoutCapture cap;
     Log("a.cpp", 1, kq::LOG_INFO, "below\n");
     Log("a.cpp", 2, kq::LOG_WARN, "still on\n");
     EXPECT_EQ(cap.Text(), "a.cpp:2[2] still on\n");
-}
-
-TEST(SetLogFile, UsesThresholdOneReplacesTheFileAndDisableClosesIt) {
-    TempPath first("log1");
-    TempPath second("log2");
+    EXPECT_EQ(first.Read(), "old\ny.cpp:4[3] kept\n");
     TARN_SetLogFile(true, first.c_str());
     Log("a.cpp", 1, kq::LOG_DEBUG, "thread notice\n");
     Log("a.cpp", 2, kq::LOG_INFO, "one\n");
@@ -93,17 +67,15 @@ TEST(SetLogFile, UsesThresholdOneReplacesTheFileAndDisableClosesIt) {
     Log("a.cpp", 3, kq::LOG_INFO, "two\n");
     TARN_SetLogFile(false, nullptr);
     Log("a.cpp", 4, kq::LOG_ERROR, "after close\n");
-    EXPECT_EQ(first.Read(), "a.cpp:2[1] one\n");
+    EXPECT_EQ(first.Read(), "old\ny.cpp:4[3] kept\na.cpp:2[1] one\n");
     EXPECT_EQ(second.Read(), "a.cpp:3[1] two\n");
     kq::LogInit(nullptr, kq::LOG_DEBUG);
 }
 
-// Two threads log while a third re-targets the logger between two files
-// and switches it off: nothing is written to a closed stream, and every line
-// that reached a file is whole.
+// Two threads log while a third re-targets the logger between two files and
+// switches it off: nothing is written to a closed stream, and every line is whole.
 TEST(LogConcurrency, RetargetingWhileOthersLogKeepsEveryLineWhole) {
-    TempPath first("log1");
-    TempPath second("log2");
+    TempPath first("log1"), second("log2");
     std::atomic<bool> stop{false};
     std::atomic<int> written{0};
     auto writer = [&](int id) {
@@ -111,8 +83,7 @@ TEST(LogConcurrency, RetargetingWhileOthersLogKeepsEveryLineWhole) {
             Log("w.cpp", id, kq::LOG_ERROR, "line %d of %d\n", i, id);
     };
     kq::LogInit(first.c_str(), kq::LOG_INFO);
-    std::thread a(writer, 1);
-    std::thread b(writer, 2);
+    std::thread a(writer, 1), b(writer, 2);
     for (int i = 0; i < 2000 || written < 20000; ++i) {
         kq::LogInit((i % 2 ? first : second).c_str(), kq::LOG_INFO);
         if (i % 3 == 0) kq::LogDeinit();
