@@ -115,7 +115,6 @@ CTEST_PREFIX=$CTEST_PREFIX run_stage tsan -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COM
 fuzzers=(
     dbc_fuzz
     frames_fuzz
-    j1939_fuzz
     native_reader_fuzz
     native_fuzz
 )
