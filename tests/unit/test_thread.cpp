@@ -1,13 +1,18 @@
-// The thread wrapper the J1939 sender and the asynchronous analysis run on.
+// Threads, the recursive mutex and the timed condition wait.
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <thread>
 
+#include "common/conditionvariable.h"
 #include "common/log.h"
+#include "common/mutex.h"
 #include "common/thread.h"
 #include "unit/stdout_capture.h"
 
@@ -81,6 +86,49 @@ TEST(ThreadTest, JoinWaitsRestartReapsKillAndDestructionForgetTheBody) {
     held.open = true;
     WaitUntil([&] { return held.finished == 2; });
     EXPECT_EQ(held.finished, 2);
+}
+
+TEST(MutexTest, RecursiveLockExcludesOtherThreadsUntilFullyReleased) {
+    kq::Mutex m;
+    long counter = 0;
+    auto add = [&] {
+        for (int i = 0; i < 10000; ++i, m.Unlock(), m.Unlock()) {
+            m.Lock();
+            m.Lock();
+            ++counter;
+        }
+    };
+    ASSERT_TRUE(m.Lock() && m.Lock() && m.Unlock());
+    std::thread a(add), b(add);
+    std::this_thread::sleep_for(milliseconds(30));
+    EXPECT_EQ(counter, 0);  // still held once by this thread
+    EXPECT_TRUE(m.Unlock());
+    a.join();
+    b.join();
+    EXPECT_EQ(counter, 20000);
+}
+
+// A notify is not remembered. Timed waits start late in a wall-clock second,
+// so that the sub-second part of the delay carries into the next second.
+TEST(ConditionVariableTest, NotifyWakesAWaiterAndTimedWaitsLastInFull) {
+    ConditionVariable cv;
+    cv.Notify();
+    EXPECT_EQ(cv.WaitTime(0), ETIMEDOUT);
+    std::thread notifier([&] {
+        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(milliseconds(5))) cv.Notify();
+    });
+    EXPECT_EQ(cv.WaitTime(60000), 0);
+    notifier.join();
+    for (unsigned ms : {300u, 1700u}) {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        if (now.tv_usec < 750000 || now.tv_usec > 900000)
+            std::this_thread::sleep_for(
+                std::chrono::microseconds((1750000 - now.tv_usec) % 1000000));
+        const auto start = Clock::now();
+        EXPECT_EQ(cv.WaitTime(ms), ETIMEDOUT) << ms;
+        EXPECT_GE(Clock::now() - start, milliseconds(ms - 1)) << ms;
+    }
 }
 
 }  // namespace
