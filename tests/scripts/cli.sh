@@ -158,7 +158,7 @@ same <(sed -n '6,7p;9,10p' "$log" | cut -d' ' -f2-) <(cut -d' ' -f2- "$work/out"
     "TripSummary as the demo log's BAM transfer"
 
 # --- Convert: a fixed point after one pass, the same model when reopened --
-# (the writer itself goes over the public corpus in test_native_writer)
+# (the writer itself goes over the public corpus in Corpus.NativeWriterRoundTrips)
 run 0 "$tarn" convert "$dbc" "$work/a.dbc"
 run 0 "$tarn" convert "$work/a.dbc" "$work/b.dbc"
 cmp -s "$work/a.dbc" "$work/b.dbc" || fail "convert is not a fixed point"
