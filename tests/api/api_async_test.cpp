@@ -337,6 +337,13 @@ TEST(ApiRelease, RacingCallsNeverReachAReleasedInstance) {
         TARN_SetSender(
             h, [](void*, void*) { return true; }, nullptr);
         std::thread a(worker, h), b(worker, h);
+        // On a loaded machine the analysis thread may not have run yet: let
+        // it start its backlog, so the release meets a callback in flight.
+        const int before = calls;
+        for (auto end = Clock::now() + milliseconds(200); async && calls == before;) {
+            if (Clock::now() > end) break;
+            std::this_thread::yield();
+        }
         std::this_thread::sleep_for(std::chrono::microseconds(rng.Next() % 2000));
         TARN_Release(h);
         released = true;
